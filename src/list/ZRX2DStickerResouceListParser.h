@@ -1,0 +1,43 @@
+// Turns the JSON sticker list into records and names each sticker's
+// directory and file.
+//
+// Created and destroyed by the manager's state; used on the host's thread,
+// one parse at a time.
+#ifndef ZRX2DSTICKER_LIST_ZRX2DSTICKERRESOUCELISTPARSER_H_
+#define ZRX2DSTICKER_LIST_ZRX2DSTICKERRESOUCELISTPARSER_H_
+
+#include <cstdint>
+#include <string>
+
+#include "list/Md5.h"
+#include "zrx2dsticker/ZRResourceDownloadManager.h"
+
+namespace zrx {
+// Deepest nesting of JSON arrays and objects a list may have. A sticker list
+// needs 2; the bound keeps a hostile list from exhausting the parsing
+// thread's stack.
+constexpr unsigned kMaxJsonDepth = 64;
+}  // namespace zrx
+
+class ZRX2DStickerResouceListParser {
+ public:
+  ZRX2DStickerResouceListParser();
+  virtual ~ZRX2DStickerResouceListParser();
+
+  // A new list with one new item per element of the JSON array `text`, in
+  // array order; the caller owns the list and its items. Null when the text
+  // is not valid JSON (lastError then holds RapidJSON's ParseErrorCode, or
+  // kParseErrorTermination for a list nested deeper than kMaxJsonDepth). A
+  // root that is no array gives an empty list.
+  ZRX2DStickerResList* parseWithString(std::string text,
+                                       ZRX2DStickerDownloadListener* listener);
+
+  // Code of the last failed parse; 0 until one fails. A good parse leaves it.
+  int32_t lastError;
+
+ private:
+  // Scratch of one digest, set up anew for each item that needs one.
+  Md5 digestState;
+};
+
+#endif  // ZRX2DSTICKER_LIST_ZRX2DSTICKERRESOUCELISTPARSER_H_

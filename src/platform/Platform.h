@@ -1,0 +1,82 @@
+// The operating-system services that zrx2dsticker needs, behind one seam.
+//
+// Nothing else in src/ calls these OS services directly: each function here
+// has one meaning on every OS and returns our own results (errno never leaks
+// out). One source per OS implements it; CMake picks PlatformPosix.cpp here.
+// All functions are thread-safe and may be called from any thread.
+#ifndef ZRX2DSTICKER_PLATFORM_PLATFORM_H_
+#define ZRX2DSTICKER_PLATFORM_PLATFORM_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#if defined(_WIN32)
+#include <winsock2.h>
+#else
+#include <sys/select.h>
+#endif
+
+namespace zrx {
+namespace platform {
+
+// Size of the buffer that receives the executable's file name, terminating
+// zero included; a longer name arrives cut.
+constexpr std::size_t kModuleFileNameSize = 260;
+
+// Writes the full file name of the process's main executable (the host, not
+// this library) into `buffer` as zero-terminated text of at most size-1
+// bytes. Writes an empty text when the name can't be had.
+void moduleFileName(char* buffer, std::size_t size);
+
+// Converts `sourceLength` bytes of UTF-8 into UTF-16 code units. Never strict:
+// every ill-formed subsequence becomes one U+FFFD, NUL bytes pass through.
+// Returns the number of units written, or 0 when `sourceLength` is not
+// positive or the target (`targetSize` units) is too small.
+int multiByteToWide(const char* source, int sourceLength, char16_t* target,
+                    int targetSize);
+
+// Converts `sourceLength` UTF-16 units into the system's narrow code page
+// (UTF-8 on POSIX). An unpaired surrogate becomes U+FFFD. Returns the number
+// of bytes written, or 0 when `sourceLength` is not positive or the target
+// (`targetSize` bytes) is too small.
+int wideToMultiByte(const char16_t* source, int sourceLength, char* target,
+                    int targetSize);
+
+// Writes zero-terminated `text` to the platform's debug channel (stderr on
+// POSIX) in one system call, without allocating.
+void outputDebugString(const char* text);
+
+// Sleeps for `milliseconds`.
+void sleepMilliseconds(unsigned milliseconds);
+
+// Waits on the descriptor sets (any may be null) for at most the given time.
+// Returns the number of ready descriptors, 0 on time-out, -1 on error.
+int selectDescriptors(int highestPlusOne, fd_set* readSet, fd_set* writeSet,
+                      fd_set* exceptSet, long seconds, long microseconds);
+
+// The system's wall clock (not a monotonic clock), in whole milliseconds.
+int64_t wallClockMilliseconds();
+
+// 0 when `path` exists (file or directory), -1 otherwise.
+int pathAccess(const std::string& path);
+
+// Makes one directory level (no parents). 0 on success, -1 otherwise, also
+// when something already stands at `path`.
+int makeDirectory(const std::string& path);
+
+// Size in bytes of what stands at `path`, or -1 when it can't be read.
+int64_t fileSize(const std::string& path);
+
+// Deletes the file at `path`. 0 on success, -1 otherwise.
+int removeFile(const std::string& path);
+
+// Opens `path` with a stdio `mode` ("wb", "wb+", "rb", ...). The stream is
+// not inherited by child processes. Null on failure.
+std::FILE* openFile(const std::string& path, const char* mode);
+
+}  // namespace platform
+}  // namespace zrx
+
+#endif  // ZRX2DSTICKER_PLATFORM_PLATFORM_H_
