@@ -1,1 +1,35 @@
-// Placeholder: filled in by the issue that builds this piece.
+#include "download/StickerPaths.h"
+
+#include "zrx2dsticker/ZRResourceDownloadManager.h"
+
+namespace zrx {
+
+StickerPaths StickerPaths::of(const std::string& downloadPath,
+                              const ZRX2DStickerResItem& item) {
+  StickerPaths paths;
+  paths.stickerDir.reserve(downloadPath.size() + item.dirName.size() + 1);
+  paths.stickerDir = downloadPath;
+  if (!item.dirName.empty()) {
+    paths.stickerDir += '/';
+    paths.stickerDir += item.dirName;
+  }
+  paths.stickerFilePath.reserve(paths.stickerDir.size() +
+                                item.fileName.size() + 1);
+  paths.stickerFilePath = paths.stickerDir;
+  paths.stickerFilePath += '/';
+  paths.stickerFilePath += item.fileName;
+  return paths;
+}
+
+std::string fileStemOf(const std::string& fileName) {
+  const std::string::size_type dot = fileName.rfind('.');
+  return dot == std::string::npos ? fileName : fileName.substr(0, dot);
+}
+
+std::string extractDirFor(int unzipType, const std::string& stickerDir,
+                          const std::string& fileName) {
+  if (unzipType != 3) return stickerDir;
+  return stickerDir + "/" + fileStemOf(fileName);
+}
+
+}  // namespace zrx

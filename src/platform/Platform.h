@@ -69,7 +69,8 @@ int makeDirectory(const std::string& path);
 // Size in bytes of what stands at `path`, or -1 when it can't be read.
 int64_t fileSize(const std::string& path);
 
-// Deletes the file at `path`. 0 on success, -1 otherwise.
+// Deletes the file at `path` (never a directory). 0 on success, -1
+// otherwise.
 int removeFile(const std::string& path);
 
 // Opens `path` with a stdio `mode` ("wb", "wb+", "rb", ...). The stream is

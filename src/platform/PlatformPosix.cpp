@@ -193,7 +193,8 @@ int64_t fileSize(const std::string& path) {
 }
 
 int removeFile(const std::string& path) {
-  return std::remove(path.c_str()) == 0 ? 0 : -1;
+  // unlink, not remove(3): a directory that stands at `path` is never taken.
+  return ::unlink(path.c_str()) == 0 ? 0 : -1;
 }
 
 std::FILE* openFile(const std::string& path, const char* mode) {
