@@ -11,6 +11,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "zrx2dsticker/ZRXLog.h"
 
@@ -142,8 +143,18 @@ LogCapture& LogCapture::instance() {
 void LogCapture::callback(int level, const char* /*tag*/, const char* message,
                           const char* /*key*/) {
   LogCapture& self = instance();
-  std::lock_guard<std::mutex> lock(self.mutex_);
-  self.lines_.push_back(LogLine{level, message ? message : ""});
+  std::function<void(const std::string&)> hook;
+  {
+    std::lock_guard<std::mutex> lock(self.mutex_);
+    self.lines_.push_back(LogLine{level, message ? message : ""});
+    hook = self.hook_;
+  }
+  if (hook) hook(message ? message : "");
+}
+
+void LogCapture::setHook(std::function<void(const std::string&)> hook) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  hook_ = std::move(hook);
 }
 
 void LogCapture::clear() {

@@ -71,6 +71,10 @@ class LogCapture {
   }
   // Position of the first message containing `fragment`, or -1.
   int indexOf(const std::string& fragment) const;
+  // Runs for every message on the logging thread, inside the library's log
+  // call (so with its log mutex held: it must not log or wait for anything
+  // that logs). Null to remove.
+  void setHook(std::function<void(const std::string&)> hook);
 
  private:
   LogCapture();
@@ -78,6 +82,7 @@ class LogCapture {
                        const char* key);
   mutable std::mutex mutex_;
   std::vector<LogLine> lines_;
+  std::function<void(const std::string&)> hook_;
 };
 
 }  // namespace zrxtest
