@@ -6,9 +6,11 @@
 // is gUnzipStopFlag.
 //
 // Entry names are untrusted: a name that is absolute ("/x", "\x", "C:x"),
-// has a ".." component (either separator), is 512 bytes or longer, or an
-// encrypted entry, never gets anything written for it; extraction fails at
-// that entry, and a listing of an archive holding an unsafe name is empty.
+// has a ".." component (either separator), is 512 bytes or longer or holds
+// a zero byte, or an encrypted entry, never gets anything written for it;
+// extraction fails at that entry, and a listing that meets a name leading
+// out of the target is empty. Only stored and deflated data is extracted:
+// another method fails the entry and leaves its file empty.
 #ifndef ZRX2DSTICKER_ARCHIVE_ZIPREADER_H_
 #define ZRX2DSTICKER_ARCHIVE_ZIPREADER_H_
 
@@ -49,10 +51,10 @@ bool unzipCurrentEntry(unzFile archive, const char* targetDir);
 // extracted before.
 bool unzipToDirectory(std::string zipPath, std::string targetDir);
 
-// Lists the entries of `zipPath` with their sizes without inflating
-// anything. Empty when the archive can't be read; a listing that meets a bad
-// entry ends there and returns what it gathered. Of two entries of one name
-// the later size wins.
+// Lists the entries of `zipPath` with their uncompressed sizes (zip64 ones
+// included) without inflating anything. Empty when the archive can't be
+// read; a listing that meets a bad entry ends there and returns what it
+// gathered. Of two entries of one name the later size wins.
 zipEntryMap listZipEntries(std::string zipPath);
 
 #endif  // ZRX2DSTICKER_ARCHIVE_ZIPREADER_H_
