@@ -144,7 +144,7 @@ TEST_F(TestServerTest, StopEndsAStalledConnectionPromptly) {
 
   const auto start = std::chrono::steady_clock::now();
   server.stop();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 
   // The client sees the headers, half the body, then the end.
   std::string received;
