@@ -169,10 +169,11 @@ TEST_F(ListParserTest, KeysMatchWholeAfterUnescapingAndTheFirstCounts) {
     {"resId":"1","url":"abc","name":"a","ext":".zip","unzip_type":1,
      "resId":"2","url":"x","name":"b","ext":".7z","unzip_type":0},
     {"URL":"abc","Name":"a","url ":"abc","ur":"abc","url\u0000":"abc"},
-    {"u\u0072l":"abc","\u006eame":"n"}
+    {"u\u0072l":"abc","\u006eame":"n"},
+    {"url":5,"url":"abc","name":null,"name":"n"}
   ])");
   ASSERT_NE(list, nullptr);
-  ASSERT_EQ(list->items.size(), 3u);
+  ASSERT_EQ(list->items.size(), 4u);
   const ZRX2DStickerResItem& first = *list->items[0];
   EXPECT_EQ(first.resId, "1");
   EXPECT_EQ(first.url, "abc");
@@ -183,6 +184,9 @@ TEST_F(ListParserTest, KeysMatchWholeAfterUnescapingAndTheFirstCounts) {
   EXPECT_EQ(list->items[1]->fileName, kDigestEmpty);
   EXPECT_EQ(list->items[2]->url, "abc");
   EXPECT_EQ(list->items[2]->fileName, "n");
+  // The first member counts even when its value is of the wrong type.
+  EXPECT_EQ(list->items[3]->url, "");
+  EXPECT_EQ(list->items[3]->fileName, kDigestEmpty);
 }
 
 TEST_F(ListParserTest, StringsEndAtAnEscapedNulAndEscapesArriveDecoded) {

@@ -91,8 +91,20 @@ void assignText(std::string& target, const JsonValue& value) {
   target.assign(value.GetString(), textLength(value));
 }
 
+bool isAscii(const std::string& text) {
+  for (const char c : text) {
+    if (static_cast<unsigned char>(c) >= 0x80) return false;
+  }
+  return true;
+}
+
+const JsonValue* stringOrNull(const JsonValue* value) {
+  return value != nullptr && value->IsString() ? value : nullptr;
+}
+
 // The members of one sticker object; null where missing. The first member of
-// a name counts, as with FindMember.
+// a name counts, as with FindMember, also when its value has the wrong type: a
+// "url", "name" or "ext" that is not a string counts as missing.
 struct StickerMembers {
   const JsonValue* resId = nullptr;
   const JsonValue* url = nullptr;
@@ -104,6 +116,9 @@ struct StickerMembers {
   // empty object.
   explicit StickerMembers(const JsonValue& element) {
     if (!element.IsObject()) return;
+    const JsonValue* urlValue = nullptr;
+    const JsonValue* nameValue = nullptr;
+    const JsonValue* extValue = nullptr;
     // One pass instead of five FindMember scans; keys compare whole, byte
     // for byte.
     for (auto m = element.MemberBegin(); m != element.MemberEnd(); ++m) {
@@ -111,17 +126,20 @@ struct StickerMembers {
       const SizeType length = m->name.GetStringLength();
       const JsonValue* value = &m->value;
       if (length == 3 && std::memcmp(key, "url", 3) == 0) {
-        if (url == nullptr) url = value;
+        if (urlValue == nullptr) urlValue = value;
       } else if (length == 3 && std::memcmp(key, "ext", 3) == 0) {
-        if (ext == nullptr) ext = value;
+        if (extValue == nullptr) extValue = value;
       } else if (length == 4 && std::memcmp(key, "name", 4) == 0) {
-        if (name == nullptr) name = value;
+        if (nameValue == nullptr) nameValue = value;
       } else if (length == 5 && std::memcmp(key, "resId", 5) == 0) {
         if (resId == nullptr) resId = value;
       } else if (length == 10 && std::memcmp(key, "unzip_type", 10) == 0) {
         if (unzipType == nullptr) unzipType = value;
       }
     }
+    url = stringOrNull(urlValue);
+    name = stringOrNull(nameValue);
+    ext = stringOrNull(extValue);
   }
 };
 
@@ -186,10 +204,12 @@ ZRX2DStickerResList* ZRX2DStickerResouceListParser::parseWithString(
             members.resId->IsInt64() ? members.resId->GetInt64() : 0);
       }
     }
-    if (members.url != nullptr && members.url->IsString()) {
-      assignText(item->url, *members.url);
-    }
-    if (members.name != nullptr && members.name->IsString()) {
+    if (members.url != nullptr) assignText(item->url, *members.url);
+    // Room for "ext" up front, so that appending it doesn't reallocate.
+    const std::size_t extLength =
+        members.ext != nullptr ? textLength(*members.ext) : 0;
+    if (members.name != nullptr) {
+      item->fileName.reserve(textLength(*members.name) + extLength);
       assignText(item->fileName, *members.name);
     }
     if (members.unzipType == nullptr) {
@@ -202,27 +222,35 @@ ZRX2DStickerResList* ZRX2DStickerResouceListParser::parseWithString(
     // The naming rule; the digest only where it is used.
     if (item->unzipType == 0 || item->fileName.empty()) {
       item->dirName = digestState.digestText(item->url);
-      if (item->fileName.empty()) item->fileName = item->dirName;
+      if (item->fileName.empty()) {
+        item->fileName.reserve(item->dirName.size() + extLength);
+        item->fileName = item->dirName;
+      }
     } else if (item->unzipType == 1) {
       item->dirName = item->fileName;
     } else {
       item->dirName.clear();
     }
 
-    item->downloadState = 0;
+    // Nobody else sees the item yet: no ordering needed.
+    item->downloadState.store(0, std::memory_order_relaxed);
     item->timeoutSeconds = 0;
     item->listener = listener;
 
-    if (members.ext != nullptr && members.ext->IsString()) {
-      item->fileName.append(members.ext->GetString(), textLength(*members.ext));
+    if (members.ext != nullptr) {
+      item->fileName.append(members.ext->GetString(), extLength);
     }
 
-    // Into the narrow code page; a failed step leaves the name empty.
-    std::u16string wide;
-    std::string narrow;
-    static_cast<void>(utf8ToWide(item->fileName, wide));
-    static_cast<void>(wideToAnsi(wide, narrow));
-    item->fileName = std::move(narrow);
+    // Into the narrow code page; a failed step leaves the name empty. ASCII
+    // text comes out of the pair unchanged (every code page agrees on it),
+    // so only other text makes the round trip.
+    if (!isAscii(item->fileName)) {
+      std::u16string wide;
+      std::string narrow;
+      static_cast<void>(utf8ToWide(item->fileName, wide));
+      static_cast<void>(wideToAnsi(wide, narrow));
+      item->fileName = std::move(narrow);
+    }
 
     list.get()->items.push_back(item.release());  // reserved: doesn't throw
   }
