@@ -115,8 +115,7 @@ bool LoopbackServer::start(int port, std::string& error) {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = htons(static_cast<uint16_t>(port));
   socklen_t length = sizeof(address);
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) !=
-          0 ||
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
       ::listen(fd, 16) != 0 ||
       ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     error = std::strerror(errno);
@@ -192,9 +191,9 @@ void LoopbackServer::answer(int connection) {
 
   auto refuse = [&](const char* status) {
     const std::string body = std::string(status) + "\n";
-    const std::string reply = head(status, "text/plain",
-                                   static_cast<int64_t>(body.size())) +
-                              (method == "HEAD" ? "" : body);
+    const std::string reply =
+        head(status, "text/plain", static_cast<int64_t>(body.size())) +
+        (method == "HEAD" ? "" : body);
     sendAll(connection, reply.data(), reply.size(), false);
   };
   if (method != "GET" && method != "HEAD") return refuse("405 Not Allowed");
@@ -221,12 +220,12 @@ void LoopbackServer::answer(int connection) {
   }
 }
 
-bool LoopbackServer::sendAll(int connection, const char* data,
-                             std::size_t size, bool paced) {
-  const std::size_t slice =
-      paced ? static_cast<std::size_t>(
-                  std::max<int64_t>(1, bytesPerSecond_ * kPaceTickMs / 1000))
-            : size;
+bool LoopbackServer::sendAll(int connection, const char* data, std::size_t size,
+                             bool paced) {
+  const std::size_t slice = paced
+                                ? static_cast<std::size_t>(std::max<int64_t>(
+                                      1, bytesPerSecond_ * kPaceTickMs / 1000))
+                                : size;
   while (size > 0) {
     if (paced) {
       // One slice per tick; the wait doubles as the look at the stop flag.

@@ -55,8 +55,7 @@ unreadable or invalid list, 130 interrupted (Ctrl-C).
 )";
 }
 
-bool parseOptions(int argc, char** argv, Options& options,
-                  std::string& error) {
+bool parseOptions(int argc, char** argv, Options& options, std::string& error) {
   bool listGiven = false;
   bool optionsEnded = false;
   for (int i = 1; i < argc; ++i) {
@@ -145,10 +144,9 @@ bool parseOptions(int argc, char** argv, Options& options,
       }
       options.servePort = static_cast<int>(number);
     } else if (name == "--serve-rate") {
-      if (!parseNumber(value, 0, std::numeric_limits<int64_t>::max(),
-                       number)) {
-        error = "--serve-rate takes bytes per second, 0 or more: '" + value +
-                "'";
+      if (!parseNumber(value, 0, std::numeric_limits<int64_t>::max(), number)) {
+        error =
+            "--serve-rate takes bytes per second, 0 or more: '" + value + "'";
         return false;
       }
       options.serveRate = number;

@@ -15,17 +15,17 @@ constexpr int kDefaultServePort = 28730;
 constexpr int64_t kCatalogueRate = 48 * 1024;
 
 struct Options {
-  std::string list;          // path, "-" or URL; empty: the sample catalogue
+  std::string list;  // path, "-" or URL; empty: the sample catalogue
   std::string dir = "./stickers";
-  std::string only;          // resId for --only; empty: all
+  std::string only;  // resId for --only; empty: all
   bool onlyGiven = false;
-  int timeoutSeconds = 0;    // 0: no limit
+  int timeoutSeconds = 0;  // 0: no limit
   bool logLevelGiven = false;
   int logLevel = 1;
   bool quiet = false;
-  std::string serveDir;      // --serve; empty: none (but see the catalogue)
+  std::string serveDir;  // --serve; empty: none (but see the catalogue)
   int servePort = kDefaultServePort;
-  int64_t serveRate = -1;    // -1: not given
+  int64_t serveRate = -1;  // -1: not given
   bool help = false;
   bool version = false;
 };

@@ -28,7 +28,8 @@ double secondsBetween(std::chrono::steady_clock::time_point from,
 }
 
 std::string padded(const std::string& text, std::size_t width) {
-  return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
+  return text.size() >= width ? text
+                              : text + std::string(width - text.size(), ' ');
 }
 
 }  // namespace
@@ -138,8 +139,8 @@ RunReport::RunReport(Console& console, std::vector<Sticker> stickers)
       begin_(std::chrono::steady_clock::now()),
       states_(stickers_.size()) {
   for (const Sticker& sticker : stickers_) {
-    labelWidth_ = std::max(labelWidth_,
-                           std::min(sticker.label.size(), kMaxLabelWidth));
+    labelWidth_ =
+        std::max(labelWidth_, std::min(sticker.label.size(), kMaxLabelWidth));
   }
 }
 
@@ -225,13 +226,12 @@ void RunReport::finish(std::size_t index, Outcome outcome,
     const char* color = outcome == Outcome::kInstalled    ? kDim
                         : outcome == Outcome::kDownloaded ? kGreen
                                                           : kRed;
-    std::string line = console_.color()
-                           ? std::string(color) + word + kPlain
-                           : std::string(word);
+    std::string line = console_.color() ? std::string(color) + word + kPlain
+                                        : std::string(word);
     line += "  ";
-    line += detail.empty() ? stickers_[index].label
-                           : padded(stickers_[index].label, labelWidth_) +
-                                 "  " + detail;
+    line += detail.empty()
+                ? stickers_[index].label
+                : padded(stickers_[index].label, labelWidth_) + "  " + detail;
     console_.print(line);
   }
   changed_.notify_all();
@@ -285,8 +285,7 @@ RunSummary RunReport::summary() const {
     }
     summary.bytes += state.received;
   }
-  summary.seconds =
-      secondsBetween(begin_, std::chrono::steady_clock::now());
+  summary.seconds = secondsBetween(begin_, std::chrono::steady_clock::now());
   return summary;
 }
 

@@ -164,7 +164,7 @@ std::string findCatalogue() {
   return "";
 }
 
-// --- reading the list ---------------------------------------------------------
+// --- reading the list --------------------------------------------------------
 
 struct Download {
   std::string body;
@@ -189,8 +189,8 @@ extern "C" int abortOnSignal(void*, curl_off_t, curl_off_t, curl_off_t,
 
 bool fetchUrl(const std::string& url, long timeoutSeconds, std::string& text,
               std::string& error) {
-  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(
-      curl_easy_init(), curl_easy_cleanup);
+  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(),
+                                                             curl_easy_cleanup);
   if (!handle) {
     error = "cannot create a transfer handle";
     return false;
@@ -227,8 +227,8 @@ bool fetchUrl(const std::string& url, long timeoutSeconds, std::string& text,
 }
 
 // Reads the list from a file, "-" (standard input) or an http(s) URL.
-bool readList(const std::string& source, long timeoutSeconds,
-              std::string& text, std::string& error) {
+bool readList(const std::string& source, long timeoutSeconds, std::string& text,
+              std::string& error) {
   if (startsWithNoCase(source, "http://") ||
       startsWithNoCase(source, "https://")) {
     return fetchUrl(source, timeoutSeconds, text, error);
@@ -272,8 +272,7 @@ void replaceAll(std::string& text, const std::string& from,
 std::string logPathFor(const std::string& dir) {
   std::string trimmed = dir;
   while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.pop_back();
-  const std::string name =
-      std::filesystem::path(trimmed).filename().string();
+  const std::string name = std::filesystem::path(trimmed).filename().string();
   if (name.empty() || name == "." || name == "..") {
     return trimmed + (trimmed.back() == '/' ? "" : "/") + "zrx-fetch.log";
   }
@@ -298,7 +297,7 @@ std::string summaryLine(const RunSummary& summary) {
   return line + tail;
 }
 
-// --- the run ------------------------------------------------------------------
+// --- the run -----------------------------------------------------------------
 
 int run(const Options& options, Console& console) {
   // Where the list comes from, and what the built-in server serves.
@@ -318,8 +317,9 @@ int run(const Options& options, Console& console) {
 
   std::string text;
   std::string error;
-  if (!readList(source, options.timeoutSeconds > 0 ? options.timeoutSeconds
-                                                   : kListFetchSeconds,
+  if (!readList(source,
+                options.timeoutSeconds > 0 ? options.timeoutSeconds
+                                           : kListFetchSeconds,
                 text, error)) {
     if (gSignal != 0) return 128 + gSignal;
     console.error("cannot read the list " + source + ": " + error);
@@ -351,8 +351,9 @@ int run(const Options& options, Console& console) {
     }
     replaceAll(text, "{base}", server->baseUrl());
   } else if (text.find("{base}") != std::string::npos) {
-    console.error("the list's URLs contain {base}: give --serve DIR to serve "
-                  "its files");
+    console.error(
+        "the list's URLs contain {base}: give --serve DIR to serve "
+        "its files");
     return kExitUsage;
   }
 
