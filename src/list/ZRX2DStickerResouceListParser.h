@@ -25,10 +25,12 @@ class ZRX2DStickerResouceListParser {
   virtual ~ZRX2DStickerResouceListParser();
 
   // A new list with one new item per element of the JSON array `text`, in
-  // array order; the caller owns the list and its items. Null when the text
-  // is not valid JSON (lastError then holds RapidJSON's ParseErrorCode, or
-  // kParseErrorTermination for a list nested deeper than kMaxJsonDepth). A
-  // root that is no array gives an empty list.
+  // array order; the caller owns the list and its items, and `listener` is
+  // stored in each item. Null when the text (up to its first NUL byte) is
+  // not valid JSON: lastError then holds RapidJSON's ParseErrorCode, or
+  // kParseErrorTermination for a list nested deeper than kMaxJsonDepth. A
+  // root that is no array gives an empty list; an element that is no object
+  // gives the item of an empty object. Never fails for a single element.
   ZRX2DStickerResList* parseWithString(std::string text,
                                        ZRX2DStickerDownloadListener* listener);
 
