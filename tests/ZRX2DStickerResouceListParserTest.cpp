@@ -322,20 +322,4 @@ TEST_F(ListParserTest, NestingDeeperThanTheBoundIsAParseError) {
   EXPECT_EQ(parser.lastError, 16);
 }
 
-TEST_F(ListParserTest, ManyItemsKeepArrayOrder) {
-  std::string json = "[";
-  for (int i = 0; i < 5000; ++i) {
-    json += R"({"resId":)" + std::to_string(i) + R"(,"name":"n)" +
-            std::to_string(i) + R"(","ext":".png"},)";
-  }
-  json.back() = ']';
-  ZRX2DStickerResList* list = parse(json);
-  ASSERT_NE(list, nullptr);
-  ASSERT_EQ(list->items.size(), 5000u);
-  for (int i = 0; i < 5000; ++i) {
-    ASSERT_EQ(list->items[i]->resId, std::to_string(i));
-    ASSERT_EQ(list->items[i]->fileName, "n" + std::to_string(i) + ".png");
-  }
-}
-
 }  // namespace
