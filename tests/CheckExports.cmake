@@ -11,7 +11,7 @@ foreach(line IN LISTS lines)
     continue()
   endif()
   string(REGEX REPLACE "^[0-9a-f]+ [A-Za-z] " "" name "${line}")
-  if(name MATCHES "^(ZRXRegisterLogBaseManager|ZRXReleaseLogBaseManager|ZRXSetLogBaseManagerUniqueKey|ZRXSetLogLevel|ZRXEnableLog|ZRXDisableLog|ZRXLogIsEnabled|ZRXLogCallback|ZRXLogCallbackModel)$")
+  if(name MATCHES "^(ZRXRegisterLogBaseManager|ZRXReleaseLogBaseManager|ZRXSetLogBaseManagerUniqueKey|ZRXSetLogLevel|ZRXEnableLog|ZRXDisableLog|ZRXLogIsEnabled|ZRXLogCallback|ZRXLogCallbackModel)\\(")
     continue()
   endif()
   if(name MATCHES "^(typeinfo|typeinfo name|vtable) for (ZRX2DStickerDownloadListener|ZRX2DStickerResItem|ZRX2DStickerResList|ZRResourceDownloadManager)$")
@@ -21,6 +21,24 @@ foreach(line IN LISTS lines)
     continue()
   endif()
   list(APPEND bad "${name}")
+endforeach()
+# Every public function and class must be there too.
+foreach(required
+    "ZRXRegisterLogBaseManager(" "ZRXReleaseLogBaseManager(" "ZRXSetLogBaseManagerUniqueKey("
+    "ZRXSetLogLevel(" "ZRXEnableLog(" "ZRXDisableLog(" "ZRXLogIsEnabled("
+    "ZRXLogCallback(" "ZRXLogCallbackModel("
+    "ZRResourceDownloadManager::ZRX_parse2DStickerResource("
+    "ZRResourceDownloadManager::setStickerResList("
+    "ZRResourceDownloadManager::ZRX_set2DStickerDownloadPath("
+    "ZRResourceDownloadManager::ZRX_start2DStickerDownloadAllSticker("
+    "ZRResourceDownloadManager::ZRX_start2DStickerDownloadSticker("
+    "ZRResourceDownloadManager::ZRX_stop2DStickerDownloadSticker("
+    "ZRX2DStickerResItem::ZRX2DStickerResItem(" "ZRX2DStickerResList::ZRX2DStickerResList("
+    "typeinfo for ZRX2DStickerDownloadListener")
+  string(FIND "${symbols}" "${required}" at)
+  if(at EQUAL -1)
+    list(APPEND bad "missing: ${required}")
+  endif()
 endforeach()
 if(bad)
   string(REPLACE ";" "\n  " text "${bad}")
