@@ -351,9 +351,7 @@ int run(const Options& options, Console& console) {
     }
     replaceAll(text, "{base}", server->baseUrl());
   } else if (text.find("{base}") != std::string::npos) {
-    console.error(
-        "the list's URLs contain {base}: give --serve DIR to serve "
-        "its files");
+    console.error("the list's URLs hold {base}: give --serve DIR");
     return kExitUsage;
   }
 
@@ -483,7 +481,7 @@ int run(const Options& options, Console& console) {
   const RunSummary summary = report.summary();
   if (!console.quiet() || signal != 0) {
     if (signal != 0) {
-      console.print("interrupted: the transfer in progress was abandoned");
+      console.print("interrupted: run stopped, partial download removed");
     }
     console.print(summaryLine(summary));
     if (server && !console.quiet()) {
