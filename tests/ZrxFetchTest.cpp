@@ -213,6 +213,29 @@ TEST_F(ZrxFetchTest, ReportsAFailedStickerAndEndsDespiteADuplicate) {
   EXPECT_EQ(listTree(cwd / "out"), std::vector<std::string>{"a.png"});
 }
 
+TEST_F(ZrxFetchTest, FetchesAListByUrlAndShowsTheLibraryLogOnRequest) {
+  TempDir cwd;
+  TempDir served;
+  TestServer server(served.path());
+  writeFile(served / "a.png", std::string(1500, 'a'));
+  writeFile(served / "list.json", R"([{"resId":"a","url":")" +
+                                      server.url("/files/a.png") +
+                                      R"(","name":"a.png"}])");
+
+  const Outcome quiet =
+      fetch(cwd, "--quiet --log-level 3 " + server.url("/files/list.json"));
+  ASSERT_EQ(quiet.status, 0) << quiet.out << quiet.err;
+  EXPECT_EQ(quiet.out, "");
+  EXPECT_TRUE(contains(quiet.err, "log 3: ")) << quiet.err;
+  EXPECT_TRUE(contains(quiet.err, "sticker's items num=1")) << quiet.err;
+  EXPECT_FALSE(contains(quiet.err, "GET /files/a.png")) << "libcurl's trace";
+  EXPECT_EQ(sizeOf(cwd / "stickers/a.png"), 1500);
+
+  const Outcome missing = fetch(cwd, server.url("/status/404"));
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_TRUE(contains(missing.err, "HTTP status 404")) << missing.err;
+}
+
 // --only fetches the one sticker, again when it is installed; --timeout
 // fails a transfer that takes too long and removes what it had written.
 TEST_F(ZrxFetchTest, OnlyRefetchesOneStickerAndTimeoutEndsASlowOne) {
