@@ -1,5 +1,6 @@
 #include "download/StickerPaths.h"
 
+#include "platform/Platform.h"
 #include "zrx2dsticker/ZRResourceDownloadManager.h"
 
 namespace zrx {
@@ -30,6 +31,15 @@ std::string extractDirFor(int unzipType, const std::string& stickerDir,
                           const std::string& fileName) {
   if (unzipType != 3) return stickerDir;
   return stickerDir + "/" + fileStemOf(fileName);
+}
+
+std::string executableDirectory() {
+  char buffer[platform::kModuleFileNameSize] = {};
+  platform::moduleFileName(buffer, sizeof(buffer));
+  std::string name(buffer);
+  const std::string::size_type cut = name.find_last_of("\\/");
+  if (cut != std::string::npos) name.resize(cut);
+  return name;
 }
 
 }  // namespace zrx

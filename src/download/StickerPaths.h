@@ -28,6 +28,12 @@ std::string fileStemOf(const std::string& fileName);
 std::string extractDirFor(int unzipType, const std::string& stickerDir,
                           const std::string& fileName);
 
+// Directory of the host's executable (the process's main program, not this
+// library): the name cut before its last '/' or '\', without the separator;
+// a name with neither stays whole. The default download path, and the
+// place below which the CA bundle lies.
+std::string executableDirectory();
+
 }  // namespace zrx
 
 #endif  // ZRX2DSTICKER_DOWNLOAD_STICKERPATHS_H_

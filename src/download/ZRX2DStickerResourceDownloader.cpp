@@ -65,16 +65,6 @@ void reportSuccess(ZRX2DStickerResItem* item) {
   if (item->listener != nullptr) item->listener->onDownloadSuccess(item->resId);
 }
 
-// Directory of the host's executable, without a trailing separator: the text
-// before the last '/' or '\', or the whole name when it has neither.
-std::string executableDirectory() {
-  char buffer[zrx::platform::kModuleFileNameSize] = {};
-  zrx::platform::moduleFileName(buffer, sizeof(buffer));
-  const std::string name(buffer);
-  const std::string::size_type cut = name.find_last_of("\\/");
-  return cut == std::string::npos ? name : name.substr(0, cut);
-}
-
 // True when the URL's scheme (the text before the first ':') is exactly
 // "https" or "HTTPS"; no case folding.
 bool isHttpsUrl(const std::string& url) {
@@ -509,7 +499,7 @@ int ZRX2DStickerResourceDownloader::_curlSetOptions(
   // The host's executable, not this library, names the bundle's place.
   // libcurl copies the text.
   const std::string bundle =
-      executableDirectory() + "/" + kCaBundleRelativePath;
+      zrx::executableDirectory() + "/" + kCaBundleRelativePath;
   return curl_easy_setopt(easy, CURLOPT_CAINFO, bundle.c_str()) == CURLE_OK
              ? 0
              : -1;

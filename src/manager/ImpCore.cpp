@@ -2,24 +2,16 @@
 
 #include <curl/curl.h>
 
-#include <utility>
-
 #include "download/ZRX2DStickerResourceDownloader.h"
 #include "list/ZRX2DStickerResouceListParser.h"
-#include "platform/Platform.h"
+#include "download/StickerPaths.h"
 
 ImpCore::ImpCore()
     : stickerResList(nullptr),
       parser(new ZRX2DStickerResouceListParser()),
       downloader(new ZRX2DStickerResourceDownloader()) {
-  // The default download path: the directory of the host's executable
-  // (the text before its last '/' or '\'), passed on like a host's path.
-  char buffer[zrx::platform::kModuleFileNameSize] = {};
-  zrx::platform::moduleFileName(buffer, sizeof(buffer));
-  std::string path(buffer);
-  const std::string::size_type cut = path.find_last_of("\\/");
-  if (cut != std::string::npos) path.resize(cut);
-  downloader->setDownloadPath(std::move(path));
+  // The default download path, passed on like a host's path.
+  downloader->setDownloadPath(zrx::executableDirectory());
   // A failure here shows up later as failed transfers; nothing to report.
   (void)curl_global_init(CURL_GLOBAL_ALL);
 }
