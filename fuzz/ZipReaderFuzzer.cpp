@@ -1,0 +1,432 @@
+// Fuzzes the zip reader: the input bytes are an archive file, listed with
+// listZipEntries and extracted with unzipToDirectory into a directory of a
+// per-process temp tree. Checked on every input:
+// - nothing in the temp tree outside the target is created, written,
+//   removed or renamed while the reader runs (inotify watches the root and
+//   every level), and the target holds only files and directories. The
+//   target sits kClimbLevels directories deep, so a name short enough to be
+//   extracted can't climb out of the watched tree with "..";
+// - every listed name is safe (non-empty, shorter than the name buffer, no
+//   NUL, not absolute, no ".." component);
+// - an archive holding an unsafe name among the entries the listing reads
+//   lists empty and fails to extract;
+// - every regular file the extraction writes is a listed name, and an
+//   extraction that succeeds writes every listed file entry; when the
+//   listing is empty for want of entries, nothing is written at all;
+// - the listing agrees with a walk of the central directory done here
+//   (order of reading, later duplicate wins, end at the first bad entry);
+// - no descriptor outlives a call, no memory leaks (LeakSanitizer).
+// A violation prints what broke and traps.
+//
+// To keep each run short and the disk safe, inputs over kMaxInputSize are
+// skipped, extraction is skipped when the entries could yield more than
+// kMaxExtractedBytes or number more than kMaxExtractedEntries, and every
+// file is capped at kFileSizeLimit by RLIMIT_FSIZE (a write past it fails
+// with EFBIG, so the extraction fails, instead of raising SIGXFSZ).
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unzip.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "archive/ZipReader.h"
+
+namespace {
+
+constexpr std::size_t kMaxInputSize = std::size_t{1} << 20;
+constexpr uint64_t kMaxExtractedBytes = uint64_t{64} << 20;
+constexpr uint64_t kMaxExtractedEntries = 4096;
+constexpr rlim_t kFileSizeLimit = rlim_t{64} << 20;
+// Deflate expands a byte into at most 1032.
+constexpr uint64_t kMaxInflateRatio = 1032;
+// A name that fits the reader's buffer has at most kZipNameBufferSize - 1
+// bytes, so it climbs at most this many levels ("../" per level).
+constexpr unsigned kClimbLevels = zrx::kZipNameBufferSize / 3;
+
+void require(bool condition, const char* what, const std::string& detail) {
+  if (condition) return;
+  std::fprintf(stderr, "ZipReaderFuzzer: invariant broken: %s [%s]\n", what,
+               detail.c_str());
+  __builtin_trap();
+}
+
+void require(bool condition, const char* what) { require(condition, what, ""); }
+
+// The temp tree of this process: root/input.zip and the target
+// root/d/d/.../d/out, kClimbLevels "d" levels deep.
+constexpr char kArchiveName[] = "input.zip";
+constexpr char kLevelName[] = "d";
+constexpr char kTargetName[] = "out";
+struct Tree {
+  std::string root, archive, target;
+};
+Tree gTree;
+
+// The tree is walked with descriptors relative to their parent: a deep path
+// resolved from the root on every step would cost time quadratic in depth.
+int openDirectoryAt(int dirFd, const std::string& name) {
+  const int fd = ::openat(dirFd, name.c_str(),
+                          O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  require(fd >= 0, "a directory of the temp tree opens", name);
+  return fd;
+}
+
+// Names in the directory open at `dirFd`, without "." and "..".
+std::set<std::string> namesIn(int dirFd) {
+  DIR* dir = ::fdopendir(openDirectoryAt(dirFd, "."));
+  require(dir != nullptr, "a directory of the temp tree is read");
+  std::set<std::string> names;
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string name(entry->d_name);
+    if (name != "." && name != "..") names.insert(name);
+  }
+  ::closedir(dir);
+  return names;
+}
+
+mode_t typeAt(int dirFd, const std::string& name) {
+  struct stat info;
+  require(::fstatat(dirFd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0,
+          "an entry of the temp tree can be read", name);
+  return info.st_mode & S_IFMT;
+}
+
+// What the extraction left in the target.
+struct TargetContents {
+  std::set<std::string> files;  // regular files, relative to the target
+  std::size_t directories = 0;
+};
+
+void walkTarget(int dirFd, const std::string& prefix,
+                TargetContents& contents) {
+  for (const std::string& name : namesIn(dirFd)) {
+    const std::string path = prefix + name;
+    const mode_t type = typeAt(dirFd, name);
+    if (type == S_IFREG) {
+      contents.files.insert(path);
+    } else if (type == S_IFDIR) {
+      ++contents.directories;
+      const int fd = openDirectoryAt(dirFd, name);
+      walkTarget(fd, path + "/", contents);
+      ::close(fd);
+    } else {
+      require(false, "only files and directories are made", path);
+    }
+  }
+}
+
+// Walks the target; what it holds, by a path relative to it.
+TargetContents walkTarget() {
+  const int fd = openDirectoryAt(AT_FDCWD, gTree.target);
+  TargetContents contents;
+  walkTarget(fd, "", contents);
+  ::close(fd);
+  return contents;
+}
+
+void emptyDirectory(int dirFd) {
+  for (const std::string& name : namesIn(dirFd)) {
+    int flags = 0;
+    if (typeAt(dirFd, name) == S_IFDIR) {
+      const int fd = openDirectoryAt(dirFd, name);
+      emptyDirectory(fd);
+      ::close(fd);
+      flags = AT_REMOVEDIR;
+    }
+    require(::unlinkat(dirFd, name.c_str(), flags) == 0,
+            "the temp tree can be removed", name);
+  }
+}
+
+void removeTree(const std::string& path) {
+  const int fd = openDirectoryAt(AT_FDCWD, path);
+  emptyDirectory(fd);
+  ::close(fd);
+  require(::rmdir(path.c_str()) == 0, "the temp tree can be removed", path);
+}
+
+// Every change made in the root and in each level is queued here, so one
+// read after a call tells whether anything outside the target was created,
+// written, removed or renamed. (Reads of the archive are not changes.)
+constexpr uint32_t kChangeEvents =
+    IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE |
+    IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
+int gWatch = -1;
+std::map<int, std::string> gWatched;  // watch descriptor to directory
+
+void watch(const std::string& dir) {
+  const int wd = ::inotify_add_watch(gWatch, dir.c_str(), kChangeEvents);
+  require(wd >= 0, "a level of the temp tree can be watched", dir);
+  gWatched[wd] = dir;
+}
+
+// The changes queued since the last call, as "directory/name".
+std::vector<std::string> takeChanges() {
+  std::vector<std::string> changes;
+  alignas(inotify_event) char buffer[16 * 1024];
+  for (;;) {
+    const ssize_t n = ::read(gWatch, buffer, sizeof buffer);
+    if (n <= 0) {
+      require(n < 0 && errno == EAGAIN, "the watch can be read");
+      return changes;
+    }
+    for (ssize_t at = 0; at < n;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+      if ((event->mask & IN_Q_OVERFLOW) != 0) {
+        changes.push_back("(changes lost: queue overflow)");
+      } else {
+        changes.push_back(gWatched[event->wd] + "/" +
+                          (event->len != 0 ? event->name : ""));
+      }
+      at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+    }
+  }
+}
+
+void removeTempTree() {
+  ::close(gWatch);
+  removeTree(gTree.root);
+}
+
+// The lowest free descriptor: equal before and after a call when the call
+// closed all it opened.
+int lowestFreeDescriptor() {
+  const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  require(fd >= 0, "/dev/null opens");
+  ::close(fd);
+  return fd;
+}
+
+// Safe by the rules the reader promises, written apart from its own test:
+// not absolute ("/x", "\x", "C:x"), no ".." component on either separator.
+bool isSafeName(const std::string& name) {
+  if (name.empty() || name.size() >= zrx::kZipNameBufferSize) return false;
+  if (name.find('\0') != std::string::npos) return false;
+  if (name[0] == '/' || name[0] == '\\') return false;
+  const unsigned char first = static_cast<unsigned char>(name[0]);
+  if (name.size() >= 2 && name[1] == ':' &&
+      ((first >= 'a' && first <= 'z') || (first >= 'A' && first <= 'Z'))) {
+    return false;
+  }
+  std::string component;
+  for (std::size_t i = 0; i <= name.size(); ++i) {
+    if (i == name.size() || name[i] == '/' || name[i] == '\\') {
+      if (component == "..") return false;
+      component.clear();
+    } else {
+      component += name[i];
+    }
+  }
+  return true;
+}
+
+bool isDirectoryName(const std::string& name) {
+  return name.back() == '/' || name.back() == '\\';
+}
+
+// The path a name is written at, relative to the target, as the walk sees
+// it: "/" separates, empty and "." components vanish.
+std::string normalized(const std::string& name) {
+  std::string out, component;
+  for (std::size_t i = 0; i <= name.size(); ++i) {
+    if (i == name.size() || name[i] == '/') {
+      if (!component.empty() && component != ".") {
+        if (!out.empty()) out += '/';
+        out += component;
+      }
+      component.clear();
+    } else {
+      component += name[i];
+    }
+  }
+  return out;
+}
+
+// What a walk of the central directory, done here with minizip, tells.
+struct CentralDirectory {
+  // Names and sizes up to the first entry the listing can't read.
+  std::map<std::string, uint64_t> readable;
+  // Whether the listing, before it stops, meets an unsafe name.
+  bool unsafe = false;
+  // Upper bound of what extracting all entries can write, and their count.
+  uint64_t bytes = 0;
+  uint64_t entries = 0;
+};
+
+CentralDirectory walkCentralDirectory(const std::string& path,
+                                      uint64_t fileSize) {
+  CentralDirectory result;
+  const std::unique_ptr<std::remove_pointer_t<unzFile>, int (*)(unzFile)>
+      owner(unzOpen64(path.c_str()), unzClose);
+  unzFile archive = owner.get();
+  if (archive == nullptr) return result;
+  unz_global_info64 global;
+  if (unzGetGlobalInfo64(archive, &global) != UNZ_OK) return result;
+  bool listing = true;  // the listing still reads entries
+  for (uint64_t index = 0; index < global.number_entry; ++index) {
+    unz_file_info64 info;
+    char buffer[zrx::kZipNameBufferSize];
+    if (unzGetCurrentFileInfo64(archive, &info, buffer, sizeof buffer,
+                                nullptr, 0, nullptr, 0) != UNZ_OK) {
+      break;
+    }
+    ++result.entries;
+    // minizip stops every entry at its listed size, and what it reads of
+    // the archive bounds what it can inflate.
+    const uint64_t readBound =
+        kMaxInflateRatio * std::min<uint64_t>(info.compressed_size, fileSize) +
+        zrx::kZipCopyBufferSize;
+    result.bytes += std::min<uint64_t>(info.uncompressed_size, readBound);
+    if (listing) {
+      const std::size_t length = info.size_filename;
+      const std::string name(buffer, std::min<std::size_t>(length,
+                                                           sizeof buffer));
+      if (length >= sizeof buffer || name.empty() ||
+          name.find('\0') != std::string::npos) {
+        listing = false;
+      } else if (!isSafeName(name)) {
+        result.unsafe = true;
+        listing = false;
+      } else {
+        result.readable[name] = info.uncompressed_size;
+      }
+    }
+    if (index + 1 < global.number_entry && unzGoToNextFile(archive) != UNZ_OK) {
+      break;
+    }
+  }
+  return result;
+}
+
+void writeArchive(const uint8_t* data, std::size_t size) {
+  // A new file each run: ext4 flushes a file that is truncated and written
+  // again on its close, which would cost milliseconds per run.
+  ::unlink(gTree.archive.c_str());
+  std::FILE* file = std::fopen(gTree.archive.c_str(), "wb");
+  require(file != nullptr, "the archive can be written", gTree.archive);
+  require(std::fwrite(data, 1, size, file) == size, "the archive is written");
+  require(std::fclose(file) == 0, "the archive is closed");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string pattern = std::string(tmp != nullptr && *tmp ? tmp : "/tmp") +
+                        "/zrx-zipfuzz-XXXXXX";
+  require(::mkdtemp(&pattern[0]) != nullptr, "a temp directory is made",
+          pattern);
+  gTree.root = pattern;
+  gTree.archive = gTree.root + "/" + kArchiveName;
+  gWatch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  require(gWatch >= 0, "inotify is available");
+  std::string dir = gTree.root;
+  watch(dir);
+  for (unsigned i = 0; i < kClimbLevels; ++i) {
+    dir += std::string("/") + kLevelName;
+    require(::mkdir(dir.c_str(), 0700) == 0, "the levels are made", dir);
+    watch(dir);
+  }
+  gTree.target = dir + "/" + kTargetName;
+  require(::mkdir(gTree.target.c_str(), 0700) == 0, "the target is made");
+  std::atexit(removeTempTree);
+
+  struct rlimit limit;
+  require(::getrlimit(RLIMIT_FSIZE, &limit) == 0, "RLIMIT_FSIZE is read");
+  if (limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur > kFileSizeLimit) {
+    limit.rlim_cur = kFileSizeLimit;
+    require(::setrlimit(RLIMIT_FSIZE, &limit) == 0, "RLIMIT_FSIZE is set");
+  }
+  std::signal(SIGXFSZ, SIG_IGN);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  if (size > kMaxInputSize) return 0;
+  writeArchive(data, size);
+  // Our own change (the archive) is not the reader's.
+  static_cast<void>(takeChanges());
+  const int freeDescriptor = lowestFreeDescriptor();
+
+  const CentralDirectory central = walkCentralDirectory(gTree.archive, size);
+  const zipEntryMap listed = listZipEntries(gTree.archive);
+  require(lowestFreeDescriptor() == freeDescriptor,
+          "listing closes what it opens");
+
+  std::set<std::string> listedFiles;
+  for (const auto& entry : listed) {
+    require(isSafeName(entry.first), "every listed name is safe",
+            entry.first);
+    if (!isDirectoryName(entry.first)) {
+      listedFiles.insert(normalized(entry.first));
+    }
+  }
+  if (central.unsafe) {
+    require(listed.empty(), "an archive with an unsafe name lists empty");
+  } else {
+    require(listed.size() == central.readable.size(),
+            "the listing holds every readable entry");
+    for (const auto& entry : central.readable) {
+      const auto it = listed.find(entry.first);
+      require(it != listed.end(), "a readable entry is listed", entry.first);
+      // minizip 1.1 leaves the zip64 marker in place of a large size; the
+      // listing reads the zip64 field itself then.
+      require(entry.second == 0xFFFFFFFFu || it->second == entry.second,
+              "a listed size is the entry's last size", entry.first);
+    }
+  }
+
+  bool extracted = false;
+  const bool attempted = central.bytes <= kMaxExtractedBytes &&
+                         central.entries <= kMaxExtractedEntries;
+  if (attempted) {
+    extracted = unzipToDirectory(gTree.archive, gTree.target);
+    require(lowestFreeDescriptor() == freeDescriptor,
+            "extraction closes what it opens");
+  }
+
+  const std::vector<std::string> changes = takeChanges();
+  require(changes.empty(), "nothing changes outside the target",
+          changes.empty() ? "" : changes.front());
+  const TargetContents walk = walkTarget();
+
+  if (central.unsafe) require(!extracted, "an unsafe name fails extraction");
+  if (listed.empty() && !central.unsafe) {
+    require(walk.files.empty() && walk.directories == 0,
+            "an archive that lists nothing writes nothing");
+  }
+  if (!listed.empty() || extracted) {
+    for (const std::string& file : walk.files) {
+      require(listedFiles.count(file) != 0, "every file written is listed",
+              file);
+    }
+  }
+  if (extracted) {
+    for (const std::string& file : listedFiles) {
+      require(walk.files.count(file) != 0,
+              "a successful extraction writes every listed file", file);
+    }
+  }
+
+  const int target = openDirectoryAt(AT_FDCWD, gTree.target);
+  emptyDirectory(target);
+  ::close(target);
+  return 0;
+}
