@@ -169,12 +169,14 @@ constexpr uint32_t kChangeEvents =
     IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE |
     IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
 int gWatch = -1;
-std::map<int, std::string> gWatched;  // watch descriptor to directory
+// Watch descriptor to its directory, "<root>/d{N}" for level N.
+std::map<int, std::string> gWatched;
 
-void watch(const std::string& dir) {
+void watch(const std::string& dir, unsigned level) {
   const int wd = ::inotify_add_watch(gWatch, dir.c_str(), kChangeEvents);
   require(wd >= 0, "a level of the temp tree can be watched", dir);
-  gWatched[wd] = dir;
+  gWatched[wd] = "<root>" + (level == 0 ? std::string()
+                                        : "/d{" + std::to_string(level) + "}");
 }
 
 // The changes queued since the last call, as "directory/name".
@@ -338,11 +340,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   gWatch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   require(gWatch >= 0, "inotify is available");
   std::string dir = gTree.root;
-  watch(dir);
-  for (unsigned i = 0; i < kClimbLevels; ++i) {
+  watch(dir, 0);
+  for (unsigned level = 1; level <= kClimbLevels; ++level) {
     dir += std::string("/") + kLevelName;
     require(::mkdir(dir.c_str(), 0700) == 0, "the levels are made", dir);
-    watch(dir);
+    watch(dir, level);
   }
   gTree.target = dir + "/" + kTargetName;
   require(::mkdir(gTree.target.c_str(), 0700) == 0, "the target is made");
