@@ -256,15 +256,15 @@ ExpectedItem expectItem(const rapidjson::Value& element) {
     e.resId = resId->GetString();
   } else if (resId != nullptr) {
     char number[32];
-    std::snprintf(number, sizeof number, "%lld",
-                  resId->IsInt64() ? static_cast<long long>(resId->GetInt64())
-                                   : 0LL);
+    std::snprintf(
+        number, sizeof number, "%lld",
+        resId->IsInt64() ? static_cast<long long>(resId->GetInt64()) : 0LL);
     e.resId = number;
   }
   e.url = text(element, "url");
   const std::string name = text(element, "name");
   const rapidjson::Value* unzipType = member(element, "unzip_type");
-  e.unzipType = unzipType == nullptr  ? 2
+  e.unzipType = unzipType == nullptr ? 2
                 : unzipType->IsInt() ? unzipType->GetInt()
                                      : 0;
 
@@ -272,8 +272,8 @@ ExpectedItem expectItem(const rapidjson::Value& element) {
   e.digestUsed = e.nameless || e.unzipType == 0;
   const std::string digest =
       e.digestUsed ? ReferenceMd5::hexDigest(e.url) : std::string();
-  std::string file = name.empty() ? digest : name;
-  if (e.unzipType == 0 || name.empty()) {
+  std::string file = e.nameless ? digest : name;
+  if (e.digestUsed) {
     e.dirName = digest;
   } else if (e.unzipType == 1) {
     e.dirName = name;
@@ -324,10 +324,10 @@ void checkItem(const ZRX2DStickerResItem& item, const ExpectedItem& e,
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   ZRXDisableLog();
   // The reference digest must be right before it judges anything.
-  require(ReferenceMd5::hexDigest("") == "D41D8CD98F00B204E9800998ECF8427E" &&
-              ReferenceMd5::hexDigest("abc") ==
-                  "900150983CD24FB0D6963F7D28E17F72",
-          "reference MD5 passes RFC 1321's test vectors");
+  require(
+      ReferenceMd5::hexDigest("") == "D41D8CD98F00B204E9800998ECF8427E" &&
+          ReferenceMd5::hexDigest("abc") == "900150983CD24FB0D6963F7D28E17F72",
+      "reference MD5 passes RFC 1321's test vectors");
   return 0;
 }
 

@@ -165,9 +165,9 @@ void removeTree(const std::string& path) {
 // Every change made in the root and in each level is queued here, so one
 // read after a call tells whether anything outside the target was created,
 // written, removed or renamed. (Reads of the archive are not changes.)
-constexpr uint32_t kChangeEvents =
-    IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE |
-    IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t kChangeEvents = IN_CREATE | IN_DELETE | IN_MODIFY |
+                                   IN_ATTRIB | IN_CLOSE_WRITE | IN_MOVED_FROM |
+                                   IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
 int gWatch = -1;
 // Watch descriptor to its directory, "<root>/d{N}" for level N.
 std::map<int, std::string> gWatched;
@@ -275,8 +275,8 @@ struct CentralDirectory {
 CentralDirectory walkCentralDirectory(const std::string& path,
                                       uint64_t fileSize) {
   CentralDirectory result;
-  const std::unique_ptr<std::remove_pointer_t<unzFile>, int (*)(unzFile)>
-      owner(unzOpen64(path.c_str()), unzClose);
+  const std::unique_ptr<std::remove_pointer_t<unzFile>, int (*)(unzFile)> owner(
+      unzOpen64(path.c_str()), unzClose);
   unzFile archive = owner.get();
   if (archive == nullptr) return result;
   unz_global_info64 global;
@@ -285,8 +285,8 @@ CentralDirectory walkCentralDirectory(const std::string& path,
   for (uint64_t index = 0; index < global.number_entry; ++index) {
     unz_file_info64 info;
     char buffer[zrx::kZipNameBufferSize];
-    if (unzGetCurrentFileInfo64(archive, &info, buffer, sizeof buffer,
-                                nullptr, 0, nullptr, 0) != UNZ_OK) {
+    if (unzGetCurrentFileInfo64(archive, &info, buffer, sizeof buffer, nullptr,
+                                0, nullptr, 0) != UNZ_OK) {
       break;
     }
     ++result.entries;
@@ -298,8 +298,8 @@ CentralDirectory walkCentralDirectory(const std::string& path,
     result.bytes += std::min<uint64_t>(info.uncompressed_size, readBound);
     if (listing) {
       const std::size_t length = info.size_filename;
-      const std::string name(buffer, std::min<std::size_t>(length,
-                                                           sizeof buffer));
+      const std::string name(buffer,
+                             std::min<std::size_t>(length, sizeof buffer));
       if (length >= sizeof buffer || name.empty() ||
           name.find('\0') != std::string::npos) {
         listing = false;
@@ -374,8 +374,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
 
   std::set<std::string> listedFiles;
   for (const auto& entry : listed) {
-    require(isSafeName(entry.first), "every listed name is safe",
-            entry.first);
+    require(isSafeName(entry.first), "every listed name is safe", entry.first);
     if (!isDirectoryName(entry.first)) {
       listedFiles.insert(normalized(entry.first));
     }
