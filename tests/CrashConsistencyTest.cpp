@@ -162,19 +162,11 @@ HostRun runHost(const std::string& downloadDir, const std::string& catalogue,
   std::string pending;
   for (;;) {
     const auto now = Clock::now();
-    if (!sentKill && now >= killAt) {
+    const bool hung = now - begin > kHostDeadline;
+    if (!sentKill && (now >= killAt || (plan.when && plan.when()) || hung)) {
       ::kill(pid, SIGKILL);
       sentKill = true;
-    }
-    if (now - begin > kHostDeadline) {
-      ::kill(pid, SIGKILL);
-      sentKill = true;
-      ADD_FAILURE() << "crash_host still running after "
-                    << kHostDeadline.count() << " ms";
-    }
-    if (!sentKill && plan.when && plan.when()) {
-      ::kill(pid, SIGKILL);
-      sentKill = true;
+      if (hung) ADD_FAILURE() << "crash_host hung";
     }
     int waitMs = plan.when ? 5 : 50;
     if (!sentKill && killAt != Clock::time_point::max()) {
@@ -213,10 +205,8 @@ HostRun runHost(const std::string& downloadDir, const std::string& catalogue,
 // What a clean install of one sticker puts on the disk, relative to the
 // download directory.
 struct StickerFiles {
-  std::string resId;
   std::string archive;                         // the stored archive
   std::map<std::string, std::string> entries;  // extracted file -> content
-  std::set<std::string> dirs;                  // ending in '/'
 };
 
 enum class StickerState {
@@ -383,7 +373,6 @@ TEST_F(CrashConsistencyTest, KilledInstallsEndAsACleanInstall) {
                           std::to_string(spec.unzipType);
     if (!spec.name.empty()) element += R"(,"name":")" + spec.name + "\"";
     elements.push_back(element + "}");
-    stickers[spec.resId].resId = spec.resId;
     stickers[spec.resId].entries = sources;
   }
   writeCatalogue(elements);
@@ -555,8 +544,56 @@ TEST_F(CrashConsistencyTest, PlainStickerCutByAKillCountsAsInstalled) {
   const HostRun next = runHost(dir.path(), catalogue, KillPlan{});
   EXPECT_EQ(next.exitStatus, 0);
   EXPECT_EQ(next.withPrefix("INSTALLED "), std::vector<std::string>{"p"});
-  EXPECT_EQ(zrxtest::readFile(file), cut);
+  EXPECT_TRUE(zrxtest::readFile(file) == cut) << file;
   EXPECT_EQ(server.totalRequests(), 0);
+}
+
+// Two kills in a row can leave a state that the check at start takes for a
+// complete install. The first cuts the extraction; the second cuts the
+// fetch that follows just after an entry that is itself a zip archive
+// stored as it is (Info-ZIP zip stores *.zip that way by default). minizip
+// looks for the end of the central directory backwards from the end of the
+// file and finds the inner archive's, whose entries lie on the disk since
+// the first extraction: the sticker is reported installed, at every start
+// from then on, with its archive and one of its files cut. Disabled until
+// the listing refuses an archive whose central directory does not end the
+// file.
+TEST_F(CrashConsistencyTest, DISABLED_CutFetchEndingInAnInnerArchiveIsFetched) {
+  TempDir dir;
+  zrxtest::writeFile(work / "make.py", R"(
+import io, os, random, sys, zipfile
+random.seed(9)
+a = bytes(random.getrandbits(8) for _ in range(30000))
+z = bytes(random.getrandbits(8) for _ in range(200000))
+inner = io.BytesIO()
+with zipfile.ZipFile(inner, "w") as f:
+    f.writestr("img/a.png", a)
+inner = inner.getvalue()
+with zipfile.ZipFile(sys.argv[1] + "/pk.zip", "w") as f:
+    for name, data in (("img/", b""), ("img/a.png", a), ("inner.zip", inner),
+                       ("z.bin", z)):
+        f.writestr(name, data)
+whole = open(sys.argv[1] + "/pk.zip", "rb").read()
+open(sys.argv[1] + "/z.bin", "wb").write(z)
+# What the two kills left: every entry up to z.bin extracted, z.bin cut,
+# then the fetch again cut 1000 bytes after the inner archive.
+os.makedirs(sys.argv[2] + "/pk/img")
+for name, data in (("img/a.png", a), ("inner.zip", inner), ("z.bin", z[:5000]),
+                   ("pk.zip", whole[:whole.find(inner) + len(inner) + 1000])):
+    open(sys.argv[2] + "/pk/" + name, "wb").write(data)
+)");
+  ASSERT_EQ(zrxtest::run("python3 " + zrxtest::shellQuote(work / "make.py") +
+                         " " + zrxtest::shellQuote(served.path()) + " " +
+                         zrxtest::shellQuote(dir.path())),
+            0);
+  TestServer server(served.path());
+  writeCatalogue({R"({"resId":"pk","url":")" + server.url("/files/pk.zip") +
+                  R"(","name":"pk","ext":".zip","unzip_type":1})"});
+  const HostRun run = runHost(dir.path(), catalogue, KillPlan{});
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_EQ(run.withPrefix("DONE "), std::vector<std::string>{"pk"});
+  EXPECT_TRUE(
+      sameContent(dir / "pk/z.bin", zrxtest::readFile(served / "z.bin")));
 }
 
 }  // namespace
