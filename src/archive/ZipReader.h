@@ -36,6 +36,9 @@ namespace zrx {
 constexpr unsigned kZipNameBufferSize = 512;
 // One copy step of an extraction: a stop is seen within one such step.
 constexpr unsigned kZipCopyBufferSize = 4096;
+// The stdio buffer of an extracted file (on the extracting thread's stack):
+// 16 copy steps a write(2).
+constexpr unsigned kZipWriteBufferSize = 16 * kZipCopyBufferSize;
 
 }  // namespace zrx
 
