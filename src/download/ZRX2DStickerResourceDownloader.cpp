@@ -321,6 +321,11 @@ void ZRX2DStickerResourceDownloader::downloadOne(int32_t index) {
   const bool fileInside = zrx::staysInside(item->fileName);
   std::FILE* file = nullptr;
   if (fileInside) file = zrx::platform::openFile(paths.stickerFilePath, "wb+");
+  // Unbuffered: each chunk reaches the file in one write(2) inside fwrite,
+  // where a 4 KiB stdio buffer split it in two and copied a part. A failed
+  // write still shows in fwrite's result at the chunk where it happens, and
+  // the fflush after every chunk stays (it has nothing left to do).
+  if (file != nullptr) std::setvbuf(file, nullptr, _IONBF, 0);
   currentFile = file;
   if (file == nullptr) {
     reportFailure(item, zrx::kFailOpenFile);
@@ -445,14 +450,17 @@ bool ZRX2DStickerResourceDownloader::_verifyStickerFiles(
     entryPath.assign(stickerDir);
     entryPath += '/';
     entryPath += entry.first;
-    if (zrx::platform::pathAccess(entryPath) != 0) {
+    // One stat answers both questions, whether the entry is there and its
+    // size: an access(2) before it would look the path up a second time, for
+    // each of an archive's entries.
+    const int64_t onDisk = zrx::platform::fileSize(entryPath);
+    if (onDisk < 0) {
       ZRX_LOG(6, "[%s:%d] directory(%s) no exist!", ZRX_AT(kVerifyFunction),
               entryPath.c_str());
       return false;
     }
     const char last = entryPath.back();
     if (last == '\\' || last == '/') continue;  // a directory entry
-    const int64_t onDisk = zrx::platform::fileSize(entryPath);
     const auto listed = static_cast<long long>(entry.second);
     if (onDisk != listed) {
       ZRX_LOG(6, "[%s:%d] file(%s) size not match[%lld:%lld]!",
