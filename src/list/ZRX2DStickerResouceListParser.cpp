@@ -1,12 +1,13 @@
 #include "list/ZRX2DStickerResouceListParser.h"
 
-#include <rapidjson/document.h>
 #include <rapidjson/error/error.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/stream.h>
 
+#include <climits>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "list/TextConversion.h"
 #include "log/LogStatement.h"
@@ -17,78 +18,14 @@ constexpr const char* kFunctionName =
     "ZRX2DStickerResouceListParser::parseWithString";
 
 using rapidjson::SizeType;
-using JsonValue = rapidjson::Value;
 
-// Hands the reader's events on to the document, and stops the parse with
-// kParseErrorTermination at an array or object nested deeper than
-// kMaxJsonDepth. The reader recurses once per level, so this bound is what
-// keeps a hostile list from overflowing the parsing thread's stack.
-class DepthBoundHandler {
- public:
-  explicit DepthBoundHandler(rapidjson::Document& document)
-      : document_(document) {}
-
-  bool Null() { return document_.Null(); }
-  bool Bool(bool b) { return document_.Bool(b); }
-  bool Int(int i) { return document_.Int(i); }
-  bool Uint(unsigned u) { return document_.Uint(u); }
-  bool Int64(int64_t i) { return document_.Int64(i); }
-  bool Uint64(uint64_t u) { return document_.Uint64(u); }
-  bool Double(double d) { return document_.Double(d); }
-  bool RawNumber(const char* str, SizeType length, bool copy) {
-    return document_.RawNumber(str, length, copy);
-  }
-  bool String(const char* str, SizeType length, bool copy) {
-    return document_.String(str, length, copy);
-  }
-  bool Key(const char* str, SizeType length, bool copy) {
-    return document_.Key(str, length, copy);
-  }
-  bool StartObject() { return enter() && document_.StartObject(); }
-  bool EndObject(SizeType memberCount) {
-    --depth_;
-    return document_.EndObject(memberCount);
-  }
-  bool StartArray() { return enter() && document_.StartArray(); }
-  bool EndArray(SizeType elementCount) {
-    --depth_;
-    return document_.EndArray(elementCount);
-  }
-
- private:
-  bool enter() { return ++depth_ <= zrx::kMaxJsonDepth; }
-
-  rapidjson::Document& document_;
-  unsigned depth_ = 0;
-};
-
-// Fills a document the way Document::Parse<kParseDefaultFlags> does (same
-// reader, same flags, strings copied, the text left as it is), through
-// DepthBoundHandler; keeps the reader's result.
-struct BoundedParse {
-  const char* text;
-  rapidjson::ParseResult result;
-
-  bool operator()(rapidjson::Document& document) {
-    rapidjson::StringStream stream(text);
-    rapidjson::Reader reader;
-    DepthBoundHandler handler(document);
-    result = reader.Parse<rapidjson::kParseDefaultFlags>(stream, handler);
-    return !result.IsError();
-  }
-};
-
-// Length of a JSON string value up to its first NUL: an escaped NUL ends the
-// text.
-std::size_t textLength(const JsonValue& value) {
-  const char* text = value.GetString();
-  const void* nul = std::memchr(text, '\0', value.GetStringLength());
-  return nul != nullptr ? static_cast<const char*>(nul) - text
-                        : value.GetStringLength();
-}
-
-void assignText(std::string& target, const JsonValue& value) {
-  target.assign(value.GetString(), textLength(value));
+// Length of a JSON string up to its first NUL: an escaped NUL ends the text.
+// Without `mayHoldNul` (the list has no "\u0000" at all) no string can hold
+// one, and none is searched.
+std::size_t textLength(const char* text, SizeType length, bool mayHoldNul) {
+  if (!mayHoldNul) return length;
+  const void* nul = std::memchr(text, '\0', length);
+  return nul != nullptr ? static_cast<const char*>(nul) - text : length;
 }
 
 bool isAscii(const std::string& text) {
@@ -97,51 +34,6 @@ bool isAscii(const std::string& text) {
   }
   return true;
 }
-
-const JsonValue* stringOrNull(const JsonValue* value) {
-  return value != nullptr && value->IsString() ? value : nullptr;
-}
-
-// The members of one sticker object; null where missing. The first member of
-// a name counts, as with FindMember, also when its value has the wrong type: a
-// "url", "name" or "ext" that is not a string counts as missing.
-struct StickerMembers {
-  const JsonValue* resId = nullptr;
-  const JsonValue* url = nullptr;
-  const JsonValue* name = nullptr;
-  const JsonValue* unzipType = nullptr;
-  const JsonValue* ext = nullptr;
-
-  // An element that is no object has no members: it yields the item of an
-  // empty object.
-  explicit StickerMembers(const JsonValue& element) {
-    if (!element.IsObject()) return;
-    const JsonValue* urlValue = nullptr;
-    const JsonValue* nameValue = nullptr;
-    const JsonValue* extValue = nullptr;
-    // One pass instead of five FindMember scans; keys compare whole, byte
-    // for byte.
-    for (auto m = element.MemberBegin(); m != element.MemberEnd(); ++m) {
-      const char* key = m->name.GetString();
-      const SizeType length = m->name.GetStringLength();
-      const JsonValue* value = &m->value;
-      if (length == 3 && std::memcmp(key, "url", 3) == 0) {
-        if (urlValue == nullptr) urlValue = value;
-      } else if (length == 3 && std::memcmp(key, "ext", 3) == 0) {
-        if (extValue == nullptr) extValue = value;
-      } else if (length == 4 && std::memcmp(key, "name", 4) == 0) {
-        if (nameValue == nullptr) nameValue = value;
-      } else if (length == 5 && std::memcmp(key, "resId", 5) == 0) {
-        if (resId == nullptr) resId = value;
-      } else if (length == 10 && std::memcmp(key, "unzip_type", 10) == 0) {
-        if (unzipType == nullptr) unzipType = value;
-      }
-    }
-    url = stringOrNull(urlValue);
-    name = stringOrNull(nameValue);
-    ext = stringOrNull(extValue);
-  }
-};
 
 // Releases a list under construction and its items if building it throws;
 // a list handed to the caller is release()d first.
@@ -166,6 +58,232 @@ class ListGuard {
   ZRX2DStickerResList* list_;
 };
 
+// Builds the list straight from the reader's events, with no document in
+// between: a 100000-item list no longer makes and walks a tree of some
+// 400000 values before its items, and the items are the only memory that
+// the parse keeps. The result is the one a Document parsed with the default
+// flags would give, read as follows:
+// - Only the elements of a root array make items, one per element in
+//   order; a root that is no array gives none.
+// - An element that is no object makes the item of an empty object.
+// - Keys compare whole, byte for byte. The first member of a name counts,
+//   also when its value has the wrong type: a "url", "name" or "ext" that is
+//   no string counts as missing, a "resId" that is no string or 64-bit
+//   integer reads "0", an "unzip_type" that is no 32-bit integer reads 0.
+// - A string ends at its first NUL.
+// Arrays and objects nested deeper than kMaxJsonDepth stop the parse with
+// kParseErrorTermination: the reader recurses once per level, so this bound
+// is what keeps a hostile list from overflowing the parsing thread's stack.
+// Used on the parsing thread for one parse.
+class ListBuilder {
+ public:
+  ListBuilder(ZRX2DStickerResList& list, Md5& digest,
+              ZRX2DStickerDownloadListener* listener, bool mayHoldNul)
+      : list_(list),
+        digest_(digest),
+        listener_(listener),
+        mayHoldNul_(mayHoldNul) {}
+
+  bool Null() { return other(); }
+  bool Bool(bool) { return other(); }
+  // Numbers as a Document types them: a 32-bit int, a 64-bit int, or
+  // neither.
+  bool Int(int i) { return integer(i, true, true); }
+  bool Uint(unsigned u) { return integer(u, u <= INT_MAX, true); }
+  bool Int64(int64_t i) {
+    return integer(i, i >= INT_MIN && i <= INT_MAX, true);
+  }
+  bool Uint64(uint64_t u) {
+    return integer(static_cast<int64_t>(u), u <= INT_MAX, u <= INT64_MAX);
+  }
+  bool Double(double) { return other(); }
+  bool RawNumber(const char*, SizeType, bool) { return other(); }
+
+  bool String(const char* text, SizeType length, bool) {
+    if (depth_ == kElementDepth && rootIsArray_) return emptyElement();
+    if (depth_ != kMemberDepth || item_ == nullptr) return true;
+    const std::size_t cut = textLength(text, length, mayHoldNul_);
+    switch (std::exchange(pending_, Member::kNone)) {
+      case Member::kResId:
+        item_->resId.assign(text, cut);
+        break;
+      case Member::kUrl:
+        item_->url.assign(text, cut);
+        break;
+      case Member::kName:
+        item_->fileName.assign(text, cut);
+        break;
+      case Member::kExt:
+        ext_.assign(text, cut);
+        hasExt_ = true;
+        break;
+      case Member::kUnzipType:
+        unzipType_ = 0;
+        break;
+      case Member::kNone:
+        break;
+    }
+    return true;
+  }
+
+  bool Key(const char* key, SizeType length, bool) {
+    if (depth_ != kMemberDepth || item_ == nullptr) return true;
+    Member member = Member::kNone;
+    if (length == 3 && std::memcmp(key, "url", 3) == 0) {
+      member = Member::kUrl;
+    } else if (length == 3 && std::memcmp(key, "ext", 3) == 0) {
+      member = Member::kExt;
+    } else if (length == 4 && std::memcmp(key, "name", 4) == 0) {
+      member = Member::kName;
+    } else if (length == 5 && std::memcmp(key, "resId", 5) == 0) {
+      member = Member::kResId;
+    } else if (length == 10 && std::memcmp(key, "unzip_type", 10) == 0) {
+      member = Member::kUnzipType;
+    }
+    const unsigned bit = 1u << static_cast<unsigned>(member);
+    pending_ = (seen_ & bit) != 0 ? Member::kNone : member;
+    seen_ |= bit;
+    return true;
+  }
+
+  bool StartObject() {
+    if (depth_ == kElementDepth && rootIsArray_) {
+      startItem();
+    } else if (depth_ == kMemberDepth) {
+      other();
+    }
+    return enter();
+  }
+  bool EndObject(SizeType) {
+    --depth_;
+    if (depth_ == kElementDepth && item_ != nullptr) return finishItem();
+    return true;
+  }
+  bool StartArray() {
+    if (depth_ == kRootDepth) {
+      rootIsArray_ = true;
+    } else if (depth_ == kElementDepth && rootIsArray_) {
+      if (!emptyElement()) return false;
+    } else if (depth_ == kMemberDepth) {
+      other();
+    }
+    return enter();
+  }
+  bool EndArray(SizeType) {
+    --depth_;
+    return true;
+  }
+
+  bool rootIsArray() const { return rootIsArray_; }
+
+ private:
+  // Nesting depth of the values that the events are about.
+  static constexpr unsigned kRootDepth = 0;     // the root
+  static constexpr unsigned kElementDepth = 1;  // the root array's elements
+  static constexpr unsigned kMemberDepth = 2;   // an element's members
+
+  // The members that mean something; kNone is any other key (its bit in
+  // seen_ is of no use).
+  enum class Member : unsigned { kNone, kResId, kUrl, kName, kUnzipType, kExt };
+
+  bool enter() { return ++depth_ <= zrx::kMaxJsonDepth; }
+
+  // A value that is neither string nor number: an element of that kind, or
+  // a member of that type.
+  bool other() {
+    if (depth_ == kElementDepth && rootIsArray_) return emptyElement();
+    if (depth_ != kMemberDepth || item_ == nullptr) return true;
+    switch (std::exchange(pending_, Member::kNone)) {
+      case Member::kResId:
+        item_->resId = "0";
+        break;
+      case Member::kUnzipType:
+        unzipType_ = 0;
+        break;
+      default:  // a "url", "name" or "ext" that is no string is missing
+        break;
+    }
+    return true;
+  }
+
+  bool integer(int64_t value, bool isInt, bool isInt64) {
+    if (depth_ == kElementDepth && rootIsArray_) return emptyElement();
+    if (depth_ != kMemberDepth || item_ == nullptr) return true;
+    switch (std::exchange(pending_, Member::kNone)) {
+      case Member::kResId:
+        // Decimal text of a signed 64-bit integer; anything else reads 0.
+        item_->resId = std::to_string(isInt64 ? value : 0);
+        break;
+      case Member::kUnzipType:
+        unzipType_ = isInt ? static_cast<int>(value) : 0;
+        break;
+      default:
+        break;
+    }
+    return true;
+  }
+
+  void startItem() {
+    item_.reset(new ZRX2DStickerResItem());
+    seen_ = 0;
+    pending_ = Member::kNone;
+    unzipType_ = 2;  // missing
+    hasExt_ = false;
+  }
+
+  bool emptyElement() {
+    startItem();
+    return finishItem();
+  }
+
+  // The naming rule and the item's start values; hands the item to the
+  // list.
+  bool finishItem() {
+    ZRX2DStickerResItem& item = *item_;
+    item.unzipType = unzipType_;
+    // The digest only where it is used.
+    if (item.unzipType == 0 || item.fileName.empty()) {
+      item.dirName = digest_.digestText(item.url);
+      if (item.fileName.empty()) item.fileName = item.dirName;
+    } else if (item.unzipType == 1) {
+      item.dirName = item.fileName;
+    }
+    // Nobody else sees the item yet: no ordering needed.
+    item.downloadState.store(0, std::memory_order_relaxed);
+    item.timeoutSeconds = 0;
+    item.listener = listener_;
+    if (hasExt_) item.fileName += ext_;
+
+    // Into the narrow code page; a failed step leaves the name empty. ASCII
+    // text comes out of the pair unchanged (every code page agrees on it),
+    // so only other text makes the round trip.
+    if (!isAscii(item.fileName)) {
+      std::u16string wide;
+      std::string narrow;
+      static_cast<void>(utf8ToWide(item.fileName, wide));
+      static_cast<void>(wideToAnsi(wide, narrow));
+      item.fileName = std::move(narrow);
+    }
+    list_.items.push_back(item_.get());  // if this throws, item_ still owns
+    item_.release();
+    return true;
+  }
+
+  ZRX2DStickerResList& list_;
+  Md5& digest_;
+  ZRX2DStickerDownloadListener* listener_;
+  const bool mayHoldNul_;
+  unsigned depth_ = 0;
+  bool rootIsArray_ = false;
+  // The element object being read; null outside one.
+  std::unique_ptr<ZRX2DStickerResItem> item_;
+  unsigned seen_ = 0;  // bits of the members met in this element
+  Member pending_ = Member::kNone;
+  int unzipType_ = 2;
+  bool hasExt_ = false;
+  std::string ext_;  // kept between elements for its room
+};
+
 }  // namespace
 
 ZRX2DStickerResouceListParser::ZRX2DStickerResouceListParser() : lastError(0) {}
@@ -174,87 +292,24 @@ ZRX2DStickerResouceListParser::~ZRX2DStickerResouceListParser() = default;
 
 ZRX2DStickerResList* ZRX2DStickerResouceListParser::parseWithString(
     std::string text, ZRX2DStickerDownloadListener* listener) {
-  // The text ends at its first NUL byte; the document holds copies of its
-  // strings and is released on return.
-  rapidjson::Document document;
-  BoundedParse parse{text.c_str(), rapidjson::ParseResult()};
-  document.Populate(parse);
-  if (parse.result.IsError()) {
-    lastError = static_cast<int32_t>(parse.result.Code());
+  // The text ends at its first NUL byte and is read as Document::Parse with
+  // the default flags reads it: not in place, strings copied.
+  ListGuard list(new ZRX2DStickerResList());
+  // A NUL inside a string can only come from the escape \u0000.
+  const bool mayHoldNul = text.find("\\u0000") != std::string::npos;
+  ListBuilder builder(*list.get(), digestState, listener, mayHoldNul);
+  rapidjson::StringStream stream(text.c_str());
+  rapidjson::Reader reader;
+  const rapidjson::ParseResult result =
+      reader.Parse<rapidjson::kParseDefaultFlags>(stream, builder);
+  if (result.IsError()) {
+    lastError = static_cast<int32_t>(result.Code());
     ZRX_LOG(6, "[%s:%d] sticker's resource json parse error=%d",
             ZRX_AT(kFunctionName), static_cast<int>(lastError));
     return nullptr;
   }
-
-  ListGuard list(new ZRX2DStickerResList());
-  if (!document.IsArray()) return list.release();
-
-  const auto elements = document.GetArray();
-  list.get()->items.reserve(elements.Size());
-  for (const JsonValue& element : elements) {
-    const StickerMembers members(element);
-    std::unique_ptr<ZRX2DStickerResItem> item(new ZRX2DStickerResItem());
-
-    if (members.resId != nullptr) {
-      if (members.resId->IsString()) {
-        assignText(item->resId, *members.resId);
-      } else {
-        // Decimal text of a signed 64-bit integer; anything else reads 0.
-        item->resId = std::to_string(
-            members.resId->IsInt64() ? members.resId->GetInt64() : 0);
-      }
-    }
-    if (members.url != nullptr) assignText(item->url, *members.url);
-    // Room for "ext" up front, so that appending it doesn't reallocate.
-    const std::size_t extLength =
-        members.ext != nullptr ? textLength(*members.ext) : 0;
-    if (members.name != nullptr) {
-      item->fileName.reserve(textLength(*members.name) + extLength);
-      assignText(item->fileName, *members.name);
-    }
-    if (members.unzipType == nullptr) {
-      item->unzipType = 2;
-    } else {
-      item->unzipType =
-          members.unzipType->IsInt() ? members.unzipType->GetInt() : 0;
-    }
-
-    // The naming rule; the digest only where it is used.
-    if (item->unzipType == 0 || item->fileName.empty()) {
-      item->dirName = digestState.digestText(item->url);
-      if (item->fileName.empty()) {
-        item->fileName.reserve(item->dirName.size() + extLength);
-        item->fileName = item->dirName;
-      }
-    } else if (item->unzipType == 1) {
-      item->dirName = item->fileName;
-    } else {
-      item->dirName.clear();
-    }
-
-    // Nobody else sees the item yet: no ordering needed.
-    item->downloadState.store(0, std::memory_order_relaxed);
-    item->timeoutSeconds = 0;
-    item->listener = listener;
-
-    if (members.ext != nullptr) {
-      item->fileName.append(members.ext->GetString(), extLength);
-    }
-
-    // Into the narrow code page; a failed step leaves the name empty. ASCII
-    // text comes out of the pair unchanged (every code page agrees on it),
-    // so only other text makes the round trip.
-    if (!isAscii(item->fileName)) {
-      std::u16string wide;
-      std::string narrow;
-      static_cast<void>(utf8ToWide(item->fileName, wide));
-      static_cast<void>(wideToAnsi(wide, narrow));
-      item->fileName = std::move(narrow);
-    }
-
-    list.get()->items.push_back(item.release());  // reserved: doesn't throw
-  }
-
+  // A root that is no array gives an empty list and no log line.
+  if (!builder.rootIsArray()) return list.release();
   ZRX_LOG(3, "[%s:%d] sticker's items num=%d", ZRX_AT(kFunctionName),
           static_cast<int>(list.get()->items.size()));
   return list.release();
