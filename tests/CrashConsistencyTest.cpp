@@ -338,24 +338,24 @@ TEST_F(CrashConsistencyTest, KilledInstallsEndAsACleanInstall) {
   // incompressible images and a large sparse file, in varying order. The
   // server sends a tenth of `bps` every 100 ms, so each archive arrives in
   // two or three pieces.
-  struct Spec {
+  struct Entry {
     std::string resId, name;
     int unzipType;
   };
-  const std::vector<Spec> specs = {{"t0", "zero", 0},
-                                   {"t1", "one", 1},
-                                   {"t3", "three.v2", 3},
-                                   {"t5", "", 5}};
+  const std::vector<Entry> catalogueEntries = {{"t0", "zero", 0},
+                                               {"t1", "one", 1},
+                                               {"t3", "three.v2", 3},
+                                               {"t5", "", 5}};
   std::vector<std::string> elements;
   TestServer server(served.path());
-  for (const Spec& spec : specs) {
-    const std::string src = served / ("src-" + spec.resId);
+  for (const Entry& entry : catalogueEntries) {
+    const std::string src = served / ("src-" + entry.resId);
     zrxtest::makeDirs(src + "/img");
     const std::map<std::string, std::string> sources = {
         {"img/a.png", randomBytes(50000 + rng() % 40000, rng)},
         {"img/b.png", randomBytes(10000 + rng() % 20000, rng)},
         {"data.bin", sparseBytes((1 + rng() % 3) << 20, rng)},
-        {"info.txt", "sticker " + spec.resId + "\n"}};
+        {"info.txt", "sticker " + entry.resId + "\n"}};
     for (const auto& source : sources) {
       zrxtest::writeFile(src + "/" + source.first, source.second);
     }
@@ -363,17 +363,17 @@ TEST_F(CrashConsistencyTest, KilledInstallsEndAsACleanInstall) {
     std::shuffle(order.begin(), order.end(), rng);
     std::string names;
     for (const std::string& name : order) names += " " + name;
-    const std::string zipName = spec.resId + ".zip";
+    const std::string zipName = entry.resId + ".zip";
     ASSERT_EQ(zrxtest::run("cd " + zrxtest::shellQuote(src) +
                            " && zip -qr ../" + zipName + names),
               0);
-    std::string element = R"({"resId":")" + spec.resId + R"(","url":")" +
+    std::string element = R"({"resId":")" + entry.resId + R"(","url":")" +
                           server.url("/slow/" + zipName + "?bps=500000") +
                           R"(","ext":".zip","unzip_type":)" +
-                          std::to_string(spec.unzipType);
-    if (!spec.name.empty()) element += R"(,"name":")" + spec.name + "\"";
+                          std::to_string(entry.unzipType);
+    if (!entry.name.empty()) element += R"(,"name":")" + entry.name + "\"";
     elements.push_back(element + "}");
-    stickers[spec.resId].entries = sources;
+    stickers[entry.resId].entries = sources;
   }
   writeCatalogue(elements);
   // Expected paths, now that the naming rule has placed each sticker.
@@ -402,7 +402,7 @@ TEST_F(CrashConsistencyTest, KilledInstallsEndAsACleanInstall) {
     TempDir clean;
     const HostRun run = runHost(clean.path(), catalogue, KillPlan{});
     ASSERT_EQ(run.exitStatus, 0);
-    ASSERT_EQ(run.withPrefix("DONE ").size(), specs.size());
+    ASSERT_EQ(run.withPrefix("DONE ").size(), catalogueEntries.size());
     ASSERT_TRUE(isCleanInstall(clean.path()));
     installTime = run.duration;
     // The i-th UNZIPPING line and the i-th DONE line belong to one archive:
@@ -493,7 +493,7 @@ TEST_F(CrashConsistencyTest, KilledInstallsEndAsACleanInstall) {
     reportedInstalled += static_cast<int>(last.withPrefix("INSTALLED ").size());
     EXPECT_EQ(
         last.withPrefix("INSTALLED ").size() + last.withPrefix("DONE ").size(),
-        specs.size());
+        catalogueEntries.size());
     EXPECT_TRUE(last.withPrefix("FAILED ").empty());
     EXPECT_TRUE(isCleanInstall(dir.path()));
   }
