@@ -113,6 +113,13 @@ class ArchiveStream {
         window_(new char[kWindowSize]) {}
 
   uLong readAt(void* buffer, uLong size) {
+    // minizip reads most header fields a byte at a time: those come from
+    // the window without a call.
+    if (size == 1 && position_ >= windowStart_ &&
+        position_ < windowStart_ + windowLength_) {
+      *static_cast<char*>(buffer) = window_[position_++ - windowStart_];
+      return 1;
+    }
     if (position_ >= size_ || size == 0) return 0;
     const uint64_t wanted = std::min<uint64_t>(size, size_ - position_);
     if (wanted > kWindowSize) {
