@@ -8,9 +8,10 @@ writes the raw samples, the medians and the median of the per-round ratios
 to OUT/latest.json, a table to OUT/latest.md and the ratio chart to
 OUT/ratios.svg (gnuplot).
 
-Wall time is taken around each process; CPU (user + sys) and peak RSS come
-from wait4, so they include the process's reaped children (a shell loop
-counts all its curl and unzip processes).
+Each command runs under zrx-bench-rusage, which takes the wall time around
+the process and its CPU (user + sys) and peak RSS from wait4: the CPU
+includes the reaped children (a shell loop counts all its curl and unzip
+processes), the RSS is that of the largest process.
 """
 import argparse
 import json
@@ -53,24 +54,31 @@ def loadavg():
         return " ".join(f.read().split()[:3])
 
 
-def run(argv, stderr=None, prep=None):
+RUSAGE = None  # the zrx-bench-rusage binary and its report, set by main()
+REPORT = None
+
+
+def run(argv, stderr=None, prep=None, env=None, report=None):
     """Runs one command; returns wall and CPU in seconds, peak RSS in KiB."""
     if prep:
         prep()
-    err = subprocess.DEVNULL
-    if stderr:
-        err = open(stderr, "wb")
-    start = time.perf_counter()
-    proc = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=err)
-    _, status, usage = os.wait4(proc.pid, 0)
-    wall = time.perf_counter() - start
-    proc.returncode = os.waitstatus_to_exitcode(status)
-    if stderr:
-        err.close()
-    if proc.returncode != 0:
-        raise SystemExit("failed (%d): %s" % (proc.returncode, " ".join(argv)))
-    return {"wall": wall, "cpu": usage.ru_utime + usage.ru_stime,
-            "rss_kib": usage.ru_maxrss}
+    report = report or REPORT
+    err = open(stderr, "wb") if stderr else subprocess.DEVNULL
+    try:
+        subprocess.run([RUSAGE, report] + argv, stdout=subprocess.DEVNULL,
+                       stderr=err, check=True, env=env)
+    finally:
+        if stderr:
+            err.close()
+    return read_report(report, argv)
+
+
+def read_report(report, argv):
+    with open(report) as f:
+        wall, cpu, rss, code = f.read().split()
+    if code != "0":
+        raise SystemExit("failed (%s): %s" % (code, " ".join(argv)))
+    return {"wall": float(wall), "cpu": float(cpu), "rss_kib": int(rss)}
 
 
 def fresh(*dirs):
@@ -88,14 +96,14 @@ def measure(name, commands, rounds):
     load_before = loadavg()
     for label in labels:  # warm-up, not recorded
         c = commands[label]
-        run(c["argv"], c.get("stderr"), c.get("prep"))
+        run(c["argv"], c.get("stderr"), c.get("prep"), c.get("env"))
     samples = {label: [] for label in labels}
     for r in range(rounds):
         shift = r % len(labels)
         for label in labels[shift:] + labels[:shift]:
             c = commands[label]
             samples[label].append(run(c["argv"], c.get("stderr"),
-                                      c.get("prep")))
+                                      c.get("prep"), c.get("env")))
     for label in labels:
         s = samples[label]
         print("  %-22s wall %8.3f s  cpu %8.3f s  rss %7d KiB" % (
@@ -253,7 +261,48 @@ def make_corpora(work, base):
 # ---------------------------------------------------------------------------
 # Scenarios
 
-def scenarios(work, bins, base, quick):
+def variant(variants, name, argv_tail):
+    """The host built with one fixed behaviour patched out, if it was."""
+    where = os.path.join(variants, name)
+    if not os.path.exists(os.path.join(where, "zrx-bench-host")):
+        return {}
+    env = dict(os.environ, LD_LIBRARY_PATH=where)
+    return {"argv": [os.path.join(where, "zrx-bench-host")] + argv_tail,
+            "env": env}
+
+
+def measure_side_by_side(name, commands, rounds):
+    """Runs the commands at the same time in each round (for runs that
+    mostly wait, such as throttled transfers); the order in which they are
+    started rotates from round to round."""
+    print("== %s (%d rounds, side by side, load %s)" % (name, rounds,
+                                                       loadavg()), flush=True)
+    load_before = loadavg()
+    labels = list(commands)
+    samples = {label: [] for label in labels}
+    for r in range(rounds):
+        shift = r % len(labels)
+        procs = []
+        for label in labels[shift:] + labels[:shift]:
+            c = commands[label]
+            if c.get("prep"):
+                c["prep"]()
+            report = "%s.%d" % (REPORT, len(procs))
+            procs.append((label, report, c["argv"], subprocess.Popen(
+                [RUSAGE, report] + c["argv"], stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL, env=c.get("env"))))
+        for label, report, argv, proc in procs:
+            proc.wait()
+            samples[label].append(read_report(report, argv))
+    for label in labels:
+        s = samples[label]
+        print("  %-22s wall %8.3f s  cpu %8.3f s" % (
+            label, med(s, "wall"), med(s, "cpu")), flush=True)
+    return {"samples": samples, "load_before": load_before,
+            "load_after": loadavg(), "rounds": rounds}
+
+
+def scenarios(work, bins, base, quick, variants):
     host, extract, floor = bins["host"], bins["extract"], bins["floor"]
     lists = os.path.join(work, "lists")
     dl = os.path.join(work, "dl")
@@ -263,7 +312,7 @@ def scenarios(work, bins, base, quick):
     results = {}
 
     big_url = base + "/big.bin"
-    results["plain256"] = measure("256 MiB plain sticker", {
+    plain = {
         "library": {"argv": [host, L("big.json"), dl], "prep": fresh(dl)},
         "curl -o": {"argv": ["curl", "-s", "-o", out + "/big.bin", big_url],
                     "prep": fresh(out)},
@@ -272,7 +321,14 @@ def scenarios(work, bins, base, quick):
         "curl -o /dev/null": {"argv": ["curl", "-s", "-o", "/dev/null",
                                        big_url]},
         "idle host": {"argv": [host, L("empty.json"), dl], "prep": fresh(dl)},
-    }, rounds(7))
+    }
+    for label, name in (("library, 100 KiB receive buffer [variant]",
+                         "recv100k"),
+                        ("library, no flush per chunk [variant]", "noflush")):
+        v = variant(variants, name, [L("big.json"), dl])
+        if v:
+            plain[label] = dict(v, prep=fresh(dl))
+    results["plain256"] = measure("256 MiB plain sticker", plain, rounds(7))
 
     loop = os.path.join(work, "curl-loop.sh")
     with open(loop, "w") as f:
@@ -283,7 +339,7 @@ def scenarios(work, bins, base, quick):
             "--allow-overwrite=true", "--file-allocation=none"]
     curl_all = ["curl", "-s", "--output-dir", out, "--remote-name-all",
                 "-K", L("small.curl")]
-    results["small500"] = measure("500 plain stickers of 20 KiB", {
+    small = {
         "library": {"argv": [host, L("small.json"), dl], "prep": fresh(dl)},
         "library, stderr to a file": {
             "argv": [host, L("small.json"), dl], "prep": fresh(dl),
@@ -299,7 +355,12 @@ def scenarios(work, bins, base, quick):
         "curl, all URLs, Connection: close": {
             "argv": curl_all + ["-H", "Connection: close"],
             "prep": fresh(out)},
-    }, rounds(5))
+    }
+    v = variant(variants, "noverbose", [L("small.json"), dl])
+    if v:
+        small["library, no verbose trace [variant]"] = dict(v, prep=fresh(dl))
+    results["small500"] = measure("500 plain stickers of 20 KiB", small,
+                                  rounds(5))
 
     def serial(extractor):
         script = os.path.join(work, "serial-%s.sh" % extractor)
@@ -325,6 +386,9 @@ def scenarios(work, bins, base, quick):
         "python zipfile": {"argv": [PY, "-c", PY_EXTRACT, big_zip, out],
                            "prep": fresh(out)},
         "minizip 4 KiB floor": {"argv": [floor, "inflate", big_zip]},
+        # What the fixed 4096-byte copy step costs the floor itself.
+        "minizip 64 KiB reads": {"argv": [floor, "inflate", big_zip,
+                                          "65536"]},
     }, rounds(5))
 
     tree = os.path.join(work, "installed")
@@ -337,11 +401,18 @@ def scenarios(work, bins, base, quick):
                                           L("installed.names")]},
     }, rounds(9))
 
-    results["throttled"] = measure("throttled 1 MiB at 100 KiB/s", {
-        "library": {"argv": [host, L("slow.json"), dl], "prep": fresh(dl)},
+    slow = {
+        "library": {"argv": [host, L("slow.json"), dl + "/a"],
+                    "prep": fresh(dl + "/a")},
         "curl -o": {"argv": ["curl", "-s", "-o", out + "/one.bin",
                              base + "/slow/one.bin"], "prep": fresh(out)},
-    }, 1 if quick else 3)
+    }
+    v = variant(variants, "wait1s", [L("slow.json"), dl + "/b"])
+    if v:
+        slow["library, 1 s select wait [variant]"] = dict(
+            v, prep=fresh(dl + "/b"))
+    results["throttled"] = measure_side_by_side(
+        "throttled 1 MiB at 100 KiB/s", slow, 2 if quick else 5)
 
     print("== stop latency (load %s)" % loadavg(), flush=True)
     stops = {}
@@ -461,12 +532,56 @@ def summarize(results):
     return rows
 
 
+def fixed_costs(results):
+    """What each fixed behaviour costs: the run with it over the run
+    without it (a patched variant, or the peer that differs only there)."""
+    r, rows = results, []
+
+    def cost(what, scenario, a, b, key="wall"):
+        sm = r[scenario]["samples"]
+        if a in sm and b in sm:
+            rows.append({"behaviour": what, "scenario": scenario,
+                         "measure": key, "ratio": round_ratio(
+                             r[scenario], a, b, key)})
+
+    for key in ("wall", "cpu"):
+        cost("16 KiB receive buffer (vs 100 KiB)", "plain256", "library",
+             "library, 100 KiB receive buffer [variant]", key)
+        cost("fflush after every chunk (vs a 1 MiB buffer)", "plain256",
+             "library", "library, no flush per chunk [variant]", key)
+        cost("verbose trace to /dev/null (vs none)", "small500", "library",
+             "library, no verbose trace [variant]", key)
+    cost("200 ms select wait (vs 1 s)", "throttled", "library",
+         "library, 1 s select wait [variant]", "cpu")
+    cost("verbose trace to a file (vs /dev/null)", "small500",
+         "library, stderr to a file", "library")
+    cost("log on, stderr to a file (vs log off, /dev/null)", "small500",
+         "library, log on, stderr to a file", "library")
+    cost("a fresh connection per sticker (curl, vs keep-alive)", "small500",
+         "curl, all URLs, Connection: close", "curl, all URLs")
+    cost("4096-byte copy step (minizip, vs 64 KiB)", "extract200",
+         "minizip 4 KiB floor", "minizip 64 KiB reads")
+    m = r["micro"]["benchmarks"]
+    if "BM_DebugChannelWrites/real_time" in m:
+        rows.append({"behaviour": "two debug-channel writes of a passing "
+                     "log call (their share of it)", "scenario": "micro",
+                     "measure": "time",
+                     "ratio": m["BM_DebugChannelWrites/real_time"]["real_s"] /
+                     m["BM_LogPassing/real_time/threads:1"]["real_s"]})
+    return rows
+
+
 def table(results, rows):
     lines = ["| Work | Measure | Result | Target | |", "|---|---|---|---|---|"]
     for w in rows:
         lines.append("| %s | %s | %s | %s | %s |" % (
             w["work"], w["measure"], w["value"], w["target"],
             "met" if w["met"] else "**missed**"))
+    lines += ["", "| Fixed behaviour | Scenario | Measure | With / without |",
+              "|---|---|---|---|"]
+    for c in results["fixed_costs"]:
+        lines.append("| %s | %s | %s | %.3f |" % (
+            c["behaviour"], c["scenario"], c["measure"], c["ratio"]))
     lines += ["", "| Scenario | Command | Wall (s) | CPU (s) | Peak RSS (MiB) |",
               "|---|---|---|---|---|"]
     for key in ("plain256", "small500", "arch40", "extract200", "check2000",
@@ -475,7 +590,24 @@ def table(results, rows):
             lines.append("| %s | %s | %.3f | %.3f | %.1f |" % (
                 key, label, med(s, "wall"), med(s, "cpu"),
                 med(s, "rss_kib") / 1024))
+    lines += ["", "| Stop during | p50 (ms) | p95 (ms) | p99 (ms) | max (ms) |",
+              "|---|---|---|---|---|"]
+    for mode, st in results["stop"].items():
+        lines.append("| %s | %.1f | %.1f | %.1f | %.1f |" % (
+            mode, st["p50_ms"], st["p95_ms"], st["p99_ms"], st["max_ms"]))
+    lines += ["", "| Micro benchmark (median) | Real time | CPU time |",
+              "|---|---|---|"]
+    for name, b in results["micro"]["benchmarks"].items():
+        lines.append("| %s | %s | %s |" % (name, human(b["real_s"]),
+                                           human(b["cpu_s"])))
     return "\n".join(lines) + "\n"
+
+
+def human(seconds):
+    for unit, scale in (("s", 1), ("ms", 1e-3), ("us", 1e-6)):
+        if seconds >= scale:
+            return "%.3g %s" % (seconds / scale, unit)
+    return "%.3g ns" % (seconds / 1e-9)
 
 
 def chart(rows, out_dir):
@@ -509,22 +641,27 @@ def main():
     ap.add_argument("--out", required=True)
     ap.add_argument("--base", required=True, help="http://127.0.0.1:PORT")
     ap.add_argument("--bin", required=True, help="build directory's bench/")
+    ap.add_argument("--variants", default="",
+                    help="hosts built with a fixed behaviour patched out")
     ap.add_argument("--quick", action="store_true",
                     help="two rounds, five stops: checks the harness")
     a = ap.parse_args()
     bins = {k: os.path.join(a.bin, "zrx-bench-" + k)
-            for k in ("host", "extract", "floor", "micro")}
+            for k in ("host", "extract", "floor", "micro", "rusage")}
+    global RUSAGE, REPORT
+    RUSAGE, REPORT = bins["rusage"], os.path.join(a.work, "rusage.out")
     began = time.time()
     print("== corpora in %s" % a.work, flush=True)
     make_corpora(a.work, a.base)
     results = {"load_start": loadavg(),
                "started": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime())}
-    results.update(scenarios(a.work, bins, a.base, a.quick))
+    results.update(scenarios(a.work, bins, a.base, a.quick, a.variants))
     results["micro"] = micro(bins, a.work, a.quick)
     results["load_end"] = loadavg()
     results["seconds"] = round(time.time() - began)
     rows = summarize(results)
     results["targets"] = rows
+    results["fixed_costs"] = fixed_costs(results)
     os.makedirs(a.out, exist_ok=True)
     with open(os.path.join(a.out, "latest.json"), "w") as f:
         json.dump(results, f, indent=1)

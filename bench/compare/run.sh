@@ -18,9 +18,49 @@ build="${BUILD_DIR:-build-bench}"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DZRX_BUILD_BENCH=ON \
   -DZRX_BUILD_TESTS=OFF -DZRX_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build" -j2 --target zrx-bench-micro zrx-bench-host \
-  zrx-bench-extract zrx-bench-floor >/dev/null
+  zrx-bench-extract zrx-bench-floor zrx-bench-rusage >/dev/null
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/zrx-compare-XXXXXX")"
+
+# What the fixed behaviour of a transfer costs: the host against a patched
+# copy of the library, built in the temporary directory one patch at a time
+# (nothing of it is committed; only the patched file recompiles). A patch
+# that no longer applies skips its variant.
+copy="$work/variant-src"
+downloader="src/download/ZRX2DStickerResourceDownloader.cpp"
+mkdir -p "$copy" "$work/variants"
+cp -r CMakeLists.txt cmake include src bench "$copy/"
+build_variant() {  # NAME SED-EXPRESSION CHECK-PATTERN
+  cp "$downloader" "$copy/$downloader"
+  sed -i "$2" "$copy/$downloader"
+  if ! grep -q "$3" "$copy/$downloader"; then
+    echo "variant $1: the patch no longer applies, skipped"
+    return 0
+  fi
+  cmake -S "$copy" -B "$work/variant-build" -DCMAKE_BUILD_TYPE=Release \
+    -DZRX_BUILD_BENCH=ON -DZRX_BUILD_TESTS=OFF -DZRX_BUILD_EXAMPLES=OFF \
+    >/dev/null
+  cmake --build "$work/variant-build" -j2 --target zrx-bench-host >/dev/null
+  mkdir -p "$work/variants/$1"
+  cp -P "$work/variant-build/bench/zrx-bench-host" \
+    "$work/variant-build/libzrx2dsticker.so"* "$work/variants/$1/"
+}
+# curl's own receive buffer (100 KiB) instead of the fixed 16 KiB.
+build_variant recv100k \
+  's/kReceiveBufferSize = 16384;/kReceiveBufferSize = 102400;/' \
+  'kReceiveBufferSize = 102400;'
+# No flush after each chunk: a 1 MiB stdio buffer gathers the chunks.
+build_variant noflush \
+  's/^  std::fflush(file);$/  (void)0;/; s/if (file != nullptr) std::setvbuf(file, nullptr, _IONBF, 0);/static char variantBuffer[1 << 20]; if (file != nullptr) std::setvbuf(file, variantBuffer, _IOFBF, sizeof variantBuffer);/' \
+  'variantBuffer, _IOFBF'
+# A select wait of 1 s instead of the fixed 200 ms.
+build_variant wait1s \
+  's/kSelectWaitMicroseconds = 200000;/kSelectWaitMicroseconds = 1000000;/' \
+  'kSelectWaitMicroseconds = 1000000;'
+# No verbose trace.
+build_variant noverbose \
+  's/CURLOPT_VERBOSE, 1L/CURLOPT_VERBOSE, 0L/' 'CURLOPT_VERBOSE, 0L'
+rm -rf "$copy" "$work/variant-build"
 nginx_pid=""
 cleanup() {
   if [ -n "$nginx_pid" ]; then
@@ -78,5 +118,6 @@ done
 } | tee "$work/machine.txt"
 
 /usr/bin/python3 bench/compare/compare.py --work "$work" --out bench/results \
-  --base "http://127.0.0.1:$port" --bin "$root/$build/bench" "$@"
+  --base "http://127.0.0.1:$port" --bin "$root/$build/bench" \
+  --variants "$work/variants" "$@"
 cp "$work/machine.txt" bench/results/machine.txt

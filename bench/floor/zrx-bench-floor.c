@@ -2,9 +2,9 @@
  * against: the least that the same minizip calls and the same file-system
  * questions cost, with nothing of the library around them.
  *
- *   zrx-bench-floor inflate ARCHIVE.zip
+ *   zrx-bench-floor inflate ARCHIVE.zip [BUFFER_SIZE]
  *     Inflates every entry through unzReadCurrentFile with a 4096-byte
- *     buffer and writes nothing.
+ *     buffer (or BUFFER_SIZE bytes) and writes nothing.
  *   zrx-bench-floor list-stat ROOT NAMES.txt
  *     For each sticker NAME (one a line): lists ROOT/NAME/NAME.zip with
  *     minizip and stats ROOT/NAME/ENTRY for every entry, comparing sizes.
@@ -19,16 +19,17 @@
 
 enum { kCopyBufferSize = 4096, kNameBufferSize = 512, kPathSize = 4096 };
 
-static int inflateAll(const char* path) {
+static int inflateAll(const char* path, unsigned size) {
   unzFile archive = unzOpen64(path);
   if (archive == NULL) return 1;
-  static char buffer[kCopyBufferSize];
+  char* buffer = malloc(size);
+  if (buffer == NULL) return 1;
   unsigned long long total = 0, entries = 0;
   int status = unzGoToFirstFile(archive);
   while (status == UNZ_OK) {
     if (unzOpenCurrentFile(archive) != UNZ_OK) break;
     int got;
-    while ((got = unzReadCurrentFile(archive, buffer, sizeof buffer)) > 0) {
+    while ((got = unzReadCurrentFile(archive, buffer, size)) > 0) {
       total += (unsigned long long)got;
     }
     unzCloseCurrentFile(archive);
@@ -37,6 +38,7 @@ static int inflateAll(const char* path) {
     status = unzGoToNextFile(archive);
   }
   unzClose(archive);
+  free(buffer);
   printf("entries=%llu inflated_bytes=%llu\n", entries, total);
   return status == UNZ_END_OF_LIST_OF_FILE ? 0 : 1;
 }
@@ -106,13 +108,16 @@ static int statAll(const char* pathsPath) {
 }
 
 int main(int argc, char** argv) {
-  if (argc == 3 && strcmp(argv[1], "inflate") == 0) return inflateAll(argv[2]);
+  if ((argc == 3 || argc == 4) && strcmp(argv[1], "inflate") == 0) {
+    const long size = argc == 4 ? atol(argv[3]) : kCopyBufferSize;
+    return size > 0 ? inflateAll(argv[2], (unsigned)size) : 2;
+  }
   if (argc == 4 && strcmp(argv[1], "list-stat") == 0) {
     return listAndStat(argv[2], argv[3]);
   }
   if (argc == 3 && strcmp(argv[1], "stat") == 0) return statAll(argv[2]);
   fprintf(stderr,
-          "usage: zrx-bench-floor inflate ARCHIVE.zip\n"
+          "usage: zrx-bench-floor inflate ARCHIVE.zip [BUFFER_SIZE]\n"
           "       zrx-bench-floor list-stat ROOT NAMES.txt\n"
           "       zrx-bench-floor stat PATHS.txt\n");
   return 2;

@@ -80,9 +80,9 @@ class Listener : public ZRX2DStickerDownloadListener {
   }
   bool waitForProgress(std::chrono::seconds deadline) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, deadline,
-                             [&] { return progressed_ || finals_ > 0; }) &&
-           progressed_;
+    return changed_.wait_for(lock, deadline, [&] {
+      return progressed_ || finals_ > 0;
+    }) && progressed_;
   }
   std::size_t finals() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -170,7 +170,8 @@ int stopLatency(ZRResourceDownloadManager& manager, Listener& listener,
     manager.ZRX_start2DStickerDownloadAllSticker();
     bool underWay = false;
     if (extract) {
-      const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
+      const Clock::time_point deadline =
+          Clock::now() + std::chrono::seconds(60);
       while (!(underWay = hasBytes(watch)) && listener.finals() == 0 &&
              Clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -201,9 +202,10 @@ int stopLatency(ZRResourceDownloadManager& manager, Listener& listener,
   std::sort(sorted.begin(), sorted.end());
   std::printf("{\"mode\":\"%s\",\"seed\":%u,\"runs\":%d,\"repeated\":%d,",
               extract ? "stop-extract" : "stop-transfer", seed, runs, repeats);
-  std::printf("\"p50_ms\":%.3f,\"p95_ms\":%.3f,\"p99_ms\":%.3f,\"max_ms\":%.3f,",
-              percentile(sorted, 0.50), percentile(sorted, 0.95),
-              percentile(sorted, 0.99), sorted.back());
+  std::printf(
+      "\"p50_ms\":%.3f,\"p95_ms\":%.3f,\"p99_ms\":%.3f,\"max_ms\":%.3f,",
+      percentile(sorted, 0.50), percentile(sorted, 0.95),
+      percentile(sorted, 0.99), sorted.back());
   std::printf("\"samples_ms\":[");
   for (std::size_t i = 0; i < samples.size(); ++i) {
     std::printf("%s%.3f", i == 0 ? "" : ",", samples[i]);

@@ -73,11 +73,11 @@ class InstalledTree {
   static void addEntry(zipFile archive, const std::string& name,
                        const char* data, std::size_t size) {
     zip_fileinfo info = {};
-    if (zipOpenNewFileInZip64(archive, name.c_str(), &info, nullptr, 0,
-                              nullptr, 0, nullptr, 0, 0, 0) != ZIP_OK ||
-        (size > 0 && zipWriteInFileInZip(archive, data,
-                                         static_cast<unsigned>(size)) !=
-                         ZIP_OK) ||
+    if (zipOpenNewFileInZip64(archive, name.c_str(), &info, nullptr, 0, nullptr,
+                              0, nullptr, 0, 0, 0) != ZIP_OK ||
+        (size > 0 &&
+         zipWriteInFileInZip(archive, data, static_cast<unsigned>(size)) !=
+             ZIP_OK) ||
         zipCloseFileInZip(archive) != ZIP_OK) {
       std::abort();
     }
