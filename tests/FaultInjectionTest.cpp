@@ -205,7 +205,8 @@ TEST_F(FaultInjectionTest, EndlessTransfersEndAtTheTimeLimitOrAtAStop) {
     SCOPED_TRACE(route);
     listener.clear();
     server->resetCounts();
-    // The query tells the two apart at the server; /loop ignores it.
+    // The query tells the two apart at the server; /loop drops it on the
+    // first redirect.
     const std::string sep = route.find('?') == std::string::npos ? "?" : "&";
     parse({sticker("limited", server->url(route + sep + "n=1"), "l.bin"),
            sticker("endless", server->url(route + sep + "n=2"), "e.bin")});

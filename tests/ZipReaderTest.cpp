@@ -396,6 +396,10 @@ TEST_F(ZipReaderTest, HostileArchivesFailAndWriteNothingOutsideTheTarget) {
   const std::string whole = readFile(temp / "archives/encrypted.zip");
   writeFile(temp / "archives/truncated.zip", whole.substr(0, whole.size() / 2));
   cases.push_back({"truncated", temp / "archives/truncated.zip", {}, {}});
+  // Bytes before an archive: what a fetch cut just after a stored inner
+  // archive looks like from its end.
+  writeFile(temp / "archives/prefixed.zip", "PK\3\4 cut outer archive" + whole);
+  cases.push_back({"prefixed", temp / "archives/prefixed.zip", {}, {}});
   writeFile(temp / "archives/page.zip", "<html>502 Bad Gateway</html>\n");
   cases.push_back({"not a zip", temp / "archives/page.zip", {}, {}});
 

@@ -36,6 +36,22 @@ constexpr unsigned kZip64ExtraId = 0x0001;
 // An extra field's length is a 16-bit count, so this buffer holds any.
 constexpr std::size_t kZipExtraBufferSize = 0xFFFF;
 
+// The zip64 end locator and the zip64 end record up to the directory's
+// offset, its last field read here.
+constexpr std::size_t kZip64LocatorSize = 20;
+constexpr std::size_t kZip64RecordSize = 56;
+
+unsigned readLittleEndian(const unsigned char* bytes, std::size_t count) {
+  unsigned value = 0;
+  for (std::size_t i = count; i > 0; --i) value = (value << 8) | bytes[i - 1];
+  return value;
+}
+
+uint64_t readLittleEndian64(const unsigned char* bytes) {
+  return (uint64_t{readLittleEndian(bytes + 4, 4)} << 32) |
+         readLittleEndian(bytes, 4);
+}
+
 struct FileCloser {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
@@ -56,7 +72,11 @@ class ArchiveStream {
   // field of up to 64 KiB - 1, or its 16 KiB inflate input).
   static constexpr std::size_t kWindowSize = 64 * 1024;
 
-  static voidpf ZCALLBACK openStream(voidpf, const void* path, int mode) {
+  // `opened` (the access table's opaque pointer) is an ArchiveStream**
+  // that receives the stream, so that its opener can look at the archive
+  // once minizip has accepted it.
+  static voidpf ZCALLBACK openStream(voidpf opened, const void* path,
+                                     int mode) {
     if ((mode & ZLIB_FILEFUNC_MODE_READWRITEFILTER) !=
         ZLIB_FILEFUNC_MODE_READ) {
       return nullptr;
@@ -69,7 +89,56 @@ class ArchiveStream {
     if (fseeko(file.get(), 0, SEEK_END) != 0) return nullptr;
     const off_t size = ftello(file.get());
     if (size < 0) return nullptr;
-    return new ArchiveStream(std::move(file), static_cast<uint64_t>(size));
+    auto* stream =
+        new ArchiveStream(std::move(file), static_cast<uint64_t>(size));
+    *static_cast<ArchiveStream**>(opened) = stream;
+    return stream;
+  }
+
+  // Whether the archive's directory ends where its end record (the zip64
+  // one, where there is one) begins, as in every archive that starts at the
+  // start of its file. minizip accepts bytes before an archive and reads the
+  // archive at the file's end as if they were not there; the end of a file
+  // cut just after a stored inner archive is such a case, and its listing
+  // must not pass for the outer archive's. The records are looked for as
+  // minizip looks for them: the last signature within the file's last
+  // 64 KiB - 1 bytes.
+  bool directoryEndsAtItsRecord() {
+    const uint64_t back = std::min<uint64_t>(size_, kMaxCommentSize);
+    const uint64_t from = size_ - back;
+    std::vector<unsigned char> tail(static_cast<std::size_t>(back));
+    if (!copyAt(from, tail.data(), tail.size())) return false;
+    const auto lastSignature = [&](unsigned char third,
+                                   unsigned char fourth) -> int64_t {
+      for (std::size_t end = tail.size(); end >= 4; --end) {
+        const unsigned char* at = &tail[end - 4];
+        if (at[0] == 'P' && at[1] == 'K' && at[2] == third && at[3] == fourth) {
+          return static_cast<int64_t>(from + end - 4);
+        }
+      }
+      return -1;
+    };
+    unsigned char field[kZip64RecordSize];
+    const int64_t locator = lastSignature(6, 7);
+    if (locator >= 0 &&
+        copyAt(static_cast<uint64_t>(locator), field, kZip64LocatorSize) &&
+        readLittleEndian(&field[4], 4) == 0 &&
+        readLittleEndian(&field[16], 4) == 1) {
+      const uint64_t record = readLittleEndian64(&field[8]);
+      if (copyAt(record, field, kZip64RecordSize) && field[0] == 'P' &&
+          field[1] == 'K' && field[2] == 6 && field[3] == 6) {
+        return readLittleEndian64(&field[48]) +
+                   readLittleEndian64(&field[40]) ==
+               record;
+      }
+    }
+    const int64_t end = lastSignature(5, 6);
+    if (end < 0 || !copyAt(static_cast<uint64_t>(end), field, kEndRecordSize)) {
+      return false;
+    }
+    return uint64_t{readLittleEndian(&field[16], 4)} +
+               readLittleEndian(&field[12], 4) ==
+           static_cast<uint64_t>(end);
   }
 
   static uLong ZCALLBACK readStream(voidpf, voidpf stream, void* buffer,
@@ -159,6 +228,22 @@ class ArchiveStream {
     return static_cast<uLong>(wanted);
   }
 
+  // Reads exactly `length` bytes at `offset` through the window, leaving
+  // minizip's position as it was.
+  bool copyAt(uint64_t offset, void* target, std::size_t length) {
+    const uint64_t saved = position_;
+    position_ = offset;
+    std::size_t done = 0;
+    while (done < length) {
+      const uLong got = readAt(static_cast<char*>(target) + done,
+                               static_cast<uLong>(length - done));
+      if (got == 0) break;
+      done += got;
+    }
+    position_ = saved;
+    return done == length;
+  }
+
   // Reads `length` bytes at `offset` into `target`; seeks only when the
   // stream isn't already there. Returns the count read.
   std::size_t fill(char* target, uint64_t offset, std::size_t length) {
@@ -185,9 +270,12 @@ class ArchiveStream {
   bool failed_ = false;
 };
 
-// unzOpen64 on top of ArchiveStream.
+// unzOpen64 on top of ArchiveStream, for an archive that starts at the
+// start of its file; null for any other.
 unzFile openArchive(const std::string& path) {
+  ArchiveStream* stream = nullptr;
   zlib_filefunc64_def access = {};
+  access.opaque = &stream;
   access.zopen64_file = &ArchiveStream::openStream;
   access.zread_file = &ArchiveStream::readStream;
   access.zwrite_file = &ArchiveStream::writeStream;
@@ -195,7 +283,12 @@ unzFile openArchive(const std::string& path) {
   access.zseek64_file = &ArchiveStream::seekStream;
   access.zclose_file = &ArchiveStream::closeStream;
   access.zerror_file = &ArchiveStream::errorStream;
-  return unzOpen2_64(path.c_str(), &access);
+  unzFile archive = unzOpen2_64(path.c_str(), &access);
+  if (archive != nullptr && !stream->directoryEndsAtItsRecord()) {
+    unzClose(archive);
+    return nullptr;
+  }
+  return archive;
 }
 
 struct ArchiveCloser {
@@ -253,12 +346,6 @@ enum class EntryName {
   return EntryName::kUsable;
 }
 
-unsigned readLittleEndian(const unsigned char* bytes, std::size_t count) {
-  unsigned value = 0;
-  for (std::size_t i = count; i > 0; --i) value = (value << 8) | bytes[i - 1];
-  return value;
-}
-
 // The uncompressed size of the entry on which `archive` stands, of which
 // `info` is the info. minizip 1.1 as built for 64 bits never takes a size
 // from the zip64 extra field and hands over the 32-bit marker instead, so
@@ -282,8 +369,7 @@ uint64_t uncompressedSize(unzFile archive, const unz_file_info64& info) {
     // The sizes come first in the field, the uncompressed one leading when
     // its 32-bit field holds the marker, as here.
     if (id == kZip64ExtraId && size >= 8) {
-      return (uint64_t{readLittleEndian(&extra[at + 8], 4)} << 32) |
-             readLittleEndian(&extra[at + 4], 4);
+      return readLittleEndian64(&extra[at + 4]);
     }
     at += 4 + size;
   }

@@ -17,7 +17,10 @@ missing file gives 404; HEAD works everywhere and sends the headers only):
   /status/CODE            status CODE (200-599) with a small HTML body
   /redirect/N/NAME        302 to /redirect/N-1/NAME, ..., /redirect/1/NAME
                           302s to /files/NAME: N redirects, then the file
-  /loop                   302 to /loop, forever
+  /loop?ms=N              302 to /loop, forever, each reply held back N ms
+                          (default 20): a loop as fast as loopback allows
+                          ends on libcurl's cap on the headers it collects
+                          across redirects (300 KiB) within about a second
   /slow/NAME?bps=N        the file with Content-Length, trickled at about
                           N bytes a second (default 1024)
   /stall/NAME?bytes=K     Content-Length of the whole file, its first K bytes
@@ -274,6 +277,9 @@ class Handler(BaseHTTPRequestHandler):
         self.reply_status(302, [("Location", location)])
 
     def do_loop(self):
+        if self.server.state.closing.wait(self.int_param("ms", 20) / 1000.0):
+            self.close_connection = True
+            return
         self.reply_status(302, [("Location", "/loop")])
 
     def do_slow(self, name):
