@@ -14,7 +14,9 @@
 //   extraction that succeeds writes every listed file entry; when the
 //   listing is empty for want of entries, nothing is written at all;
 // - the listing agrees with a walk of the central directory done here
-//   (order of reading, later duplicate wins, end at the first bad entry);
+//   (order of reading, later duplicate wins, end at the first bad entry),
+//   and an archive with bytes in front of it (its directory does not end
+//   where its end record begins) lists empty and fails to extract;
 // - no descriptor outlives a call, no memory leaks (LeakSanitizer).
 // A violation prints what broke and traps.
 //
@@ -261,19 +263,62 @@ std::string normalized(const std::string& name) {
   return out;
 }
 
+uint64_t littleEndian(const uint8_t* bytes, unsigned count) {
+  uint64_t value = 0;
+  while (count-- > 0) value = (value << 8) | bytes[count];
+  return value;
+}
+
+// Whether bytes stand in front of the archive, judged from the records
+// minizip takes: the last "PK\5\6", or the zip64 record that the last
+// "PK\6\7" points to where its disk fields are 0 and 1, both signatures
+// searched in the last 64 KiB - 1 bytes. The directory of an archive
+// without a prefix ends where that record begins.
+bool hasPrefix(const uint8_t* data, std::size_t size) {
+  const std::size_t from = size > 0xFFFF ? size - 0xFFFF : 0;
+  auto last = [&](uint8_t third, uint8_t fourth) -> std::size_t {
+    for (std::size_t end = size; end >= 4 && end - 4 >= from; --end) {
+      const uint8_t* at = data + end - 4;
+      if (at[0] == 'P' && at[1] == 'K' && at[2] == third && at[3] == fourth) {
+        return end - 4;
+      }
+    }
+    return SIZE_MAX;
+  };
+  const std::size_t locator = last(6, 7);
+  if (locator != SIZE_MAX && locator + 20 <= size &&
+      littleEndian(data + locator + 4, 4) == 0 &&
+      littleEndian(data + locator + 16, 4) == 1) {
+    const uint64_t record = littleEndian(data + locator + 8, 8);
+    if (size >= 56 && record <= size - 56 &&
+        std::memcmp(data + record, "PK\6\6", 4) == 0) {
+      return littleEndian(data + record + 48, 8) +
+                 littleEndian(data + record + 40, 8) !=
+             record;
+    }
+  }
+  const std::size_t end = last(5, 6);
+  return end == SIZE_MAX || end + 22 > size ||
+         littleEndian(data + end + 16, 4) + littleEndian(data + end + 12, 4) !=
+             end;
+}
+
 // What a walk of the central directory, done here with minizip, tells.
 struct CentralDirectory {
   // Names and sizes up to the first entry the listing can't read.
   std::map<std::string, uint64_t> readable;
   // Whether the listing, before it stops, meets an unsafe name.
   bool unsafe = false;
+  // Whether minizip reads the archive behind bytes in front of it.
+  bool prefixed = false;
   // Upper bound of what extracting all entries can write, and their count.
   uint64_t bytes = 0;
   uint64_t entries = 0;
 };
 
 CentralDirectory walkCentralDirectory(const std::string& path,
-                                      uint64_t fileSize) {
+                                      const uint8_t* data,
+                                      std::size_t fileSize) {
   CentralDirectory result;
   const std::unique_ptr<std::remove_pointer_t<unzFile>, int (*)(unzFile)> owner(
       unzOpen64(path.c_str()), unzClose);
@@ -281,6 +326,7 @@ CentralDirectory walkCentralDirectory(const std::string& path,
   if (archive == nullptr) return result;
   unz_global_info64 global;
   if (unzGetGlobalInfo64(archive, &global) != UNZ_OK) return result;
+  result.prefixed = hasPrefix(data, fileSize);
   bool listing = true;  // the listing still reads entries
   for (uint64_t index = 0; index < global.number_entry; ++index) {
     unz_file_info64 info;
@@ -367,7 +413,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   static_cast<void>(takeChanges());
   const int freeDescriptor = lowestFreeDescriptor();
 
-  const CentralDirectory central = walkCentralDirectory(gTree.archive, size);
+  const CentralDirectory central =
+      walkCentralDirectory(gTree.archive, data, size);
   const zipEntryMap listed = listZipEntries(gTree.archive);
   require(lowestFreeDescriptor() == freeDescriptor,
           "listing closes what it opens");
@@ -379,8 +426,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
       listedFiles.insert(normalized(entry.first));
     }
   }
-  if (central.unsafe) {
-    require(listed.empty(), "an archive with an unsafe name lists empty");
+  if (central.unsafe || central.prefixed) {
+    require(listed.empty(),
+            "an archive with an unsafe name or a prefix lists empty");
   } else {
     require(listed.size() == central.readable.size(),
             "the listing holds every readable entry");
@@ -408,7 +456,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
           changes.empty() ? "" : changes.front());
   const TargetContents walk = walkTarget();
 
-  if (central.unsafe) require(!extracted, "an unsafe name fails extraction");
+  if (central.unsafe || central.prefixed) {
+    require(!extracted, "an unsafe name or a prefix fails extraction");
+  }
   if (listed.empty() && !central.unsafe) {
     require(walk.files.empty() && walk.directories == 0,
             "an archive that lists nothing writes nothing");

@@ -152,6 +152,9 @@ def main():
     good = python_zip([("a.txt", text), ("b.txt", png)])
     write("hostile-truncated.zip", good[: len(good) // 2])
     write("hostile-truncated-directory.zip", good[:-10])
+    # A fetch cut just after a stored inner archive: from its end it reads
+    # as that archive behind bytes in front.
+    write("hostile-prefixed.zip", good[: len(good) // 3] + good)
     write("not-a-zip.zip", b"this is no archive\n" * 4)
 
     # A deflated entry whose listed size is far above what its data holds.
