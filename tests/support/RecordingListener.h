@@ -2,9 +2,9 @@
 #ifndef ZRX2DSTICKER_TESTS_SUPPORT_RECORDINGLISTENER_H_
 #define ZRX2DSTICKER_TESTS_SUPPORT_RECORDINGLISTENER_H_
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -20,58 +20,40 @@ class RecordingListener : public ZRX2DStickerDownloadListener {
   struct Event {
     Kind kind;
     std::string resId;
-    int code;                 // failure code, 0 otherwise
-    std::thread::id thread;   // the calling thread
-    double downloaded;        // progress only
-    double total;             // progress only
+    int code;  // failure code, 0 otherwise
+    std::thread::id thread;
+    double downloaded;  // progress only
+    double total;       // progress only
   };
 
   void onDownloadProgress(ZRX2DStickerResItem* item) override {
-    record(Event{Kind::kProgress, item->resId, 0, std::this_thread::get_id(),
-                 item->downloadedBytes, item->totalBytes});
+    record({Kind::kProgress, item->resId, 0, std::this_thread::get_id(),
+            item->downloadedBytes, item->totalBytes});
   }
   void onDownloadSuccess(std::string resId) override {
     if (onFinal) onFinal(resId);
-    record(Event{Kind::kSuccess, resId, 0, std::this_thread::get_id(), 0, 0});
+    record({Kind::kSuccess, resId, 0, std::this_thread::get_id(), 0, 0});
   }
   void onDownloadFailed(std::string resId, int errorCode) override {
     if (onFinal) onFinal(resId);
-    record(Event{Kind::kFailed, resId, errorCode, std::this_thread::get_id(),
-                 0, 0});
+    record({Kind::kFailed, resId, errorCode, std::this_thread::get_id(), 0, 0});
   }
 
   std::vector<Event> events() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return events_;
   }
-  // Final calls (success or failure) so far.
-  std::vector<Event> finals() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<Event> out;
-    for (const Event& e : events_) {
-      if (e.kind != Kind::kProgress) out.push_back(e);
-    }
-    return out;
-  }
+  // Final calls (success or failure), of every sticker or of `resId`.
+  std::vector<Event> finals() const { return select(false, nullptr); }
   std::vector<Event> finalsFor(const std::string& resId) const {
-    std::vector<Event> out;
-    for (const Event& e : finals()) {
-      if (e.resId == resId) out.push_back(e);
-    }
-    return out;
+    return select(false, &resId);
   }
   std::vector<Event> progressFor(const std::string& resId) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<Event> out;
-    for (const Event& e : events_) {
-      if (e.kind == Kind::kProgress && e.resId == resId) out.push_back(e);
-    }
-    return out;
+    return select(true, &resId);
   }
   // Waits until `count` final calls have come (generous deadline).
-  bool waitForFinals(std::size_t count,
-                     std::chrono::milliseconds timeout = std::chrono::seconds(
-                         60)) {
+  bool waitForFinals(std::size_t count, std::chrono::milliseconds timeout =
+                                            std::chrono::seconds(60)) {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] {
       std::size_t n = 0;
@@ -84,11 +66,22 @@ class RecordingListener : public ZRX2DStickerDownloadListener {
     events_.clear();
   }
 
-  // Runs inside each final call, before it is recorded (on the calling
-  // thread, with the item's stateMutex held where the library holds it).
+  // Runs inside each final call, before it is recorded, on the calling
+  // thread.
   std::function<void(const std::string&)> onFinal;
 
  private:
+  std::vector<Event> select(bool progress, const std::string* resId) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<Event> out;
+    for (const Event& e : events_) {
+      if ((e.kind == Kind::kProgress) == progress &&
+          (resId == nullptr || e.resId == *resId)) {
+        out.push_back(e);
+      }
+    }
+    return out;
+  }
   void record(const Event& event) {
     std::lock_guard<std::mutex> lock(mutex_);
     events_.push_back(event);

@@ -1,12 +1,12 @@
 #include "support/TestSupport.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -19,8 +19,8 @@ namespace zrxtest {
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") +
-                        "/zrx2dsticker-test-XXXXXX";
+  std::string pattern =
+      std::string(base && *base ? base : "/tmp") + "/zrx2dsticker-test-XXXXXX";
   std::vector<char> buffer(pattern.begin(), pattern.end());
   buffer.push_back('\0');
   if (::mkdtemp(buffer.data()) == nullptr) {
@@ -38,11 +38,6 @@ TempDir::~TempDir() {
 bool fileExists(const std::string& path) {
   struct stat info;
   return ::lstat(path.c_str(), &info) == 0;
-}
-
-bool isDirectory(const std::string& path) {
-  struct stat info;
-  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 long long sizeOf(const std::string& path) {
@@ -65,34 +60,17 @@ void writeFile(const std::string& path, const std::string& content) {
 }
 
 void makeDirs(const std::string& path) {
-  if (run("mkdir -p " + shellQuote(path)) != 0) {
-    throw std::runtime_error("mkdir -p failed: " + path);
-  }
+  std::filesystem::create_directories(path);
 }
-
-namespace {
-void walk(const std::string& root, const std::string& relative,
-          std::vector<std::string>& out) {
-  DIR* dir = ::opendir((root + "/" + relative).c_str());
-  if (dir == nullptr) return;
-  while (struct dirent* entry = ::readdir(dir)) {
-    const std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string rel = relative.empty() ? name : relative + "/" + name;
-    if (isDirectory(root + "/" + rel)) {
-      out.push_back(rel + "/");
-      walk(root, rel, out);
-    } else {
-      out.push_back(rel);
-    }
-  }
-  ::closedir(dir);
-}
-}  // namespace
 
 std::vector<std::string> listTree(const std::string& root) {
   std::vector<std::string> out;
-  walk(root, "", out);
+  std::error_code error;
+  for (const auto& entry :
+       std::filesystem::recursive_directory_iterator(root, error)) {
+    out.push_back(entry.path().lexically_relative(root).string() +
+                  (entry.is_directory() ? "/" : ""));
+  }
   std::sort(out.begin(), out.end());
   return out;
 }
@@ -105,13 +83,8 @@ int run(const std::string& command) {
 
 std::string shellQuote(const std::string& text) {
   std::string out = "'";
-  for (char c : text) {
-    if (c == '\'') {
-      out += "'\\''";
-    } else {
-      out += c;
-    }
-  }
+  for (char c : text)
+    out += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return out + "'";
 }
 
@@ -126,11 +99,7 @@ bool waitUntil(const std::function<bool()>& condition,
 }
 
 std::string executableDir() {
-  char buffer[4096];
-  const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
-  if (n <= 0) return ".";
-  std::string path(buffer, static_cast<std::size_t>(n));
-  return path.substr(0, path.find_last_of('/'));
+  return std::filesystem::read_symlink("/proc/self/exe").parent_path();
 }
 
 LogCapture::LogCapture() { ZRXRegisterLogBaseManager(&LogCapture::callback); }
@@ -177,16 +146,6 @@ std::vector<std::string> LogCapture::matching(
     }
   }
   return out;
-}
-
-int LogCapture::indexOf(const std::string& fragment) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (std::size_t i = 0; i < lines_.size(); ++i) {
-    if (lines_[i].message.find(fragment) != std::string::npos) {
-      return static_cast<int>(i);
-    }
-  }
-  return -1;
 }
 
 }  // namespace zrxtest

@@ -28,7 +28,6 @@ class TempDir {
 };
 
 bool fileExists(const std::string& path);
-bool isDirectory(const std::string& path);
 long long sizeOf(const std::string& path);  // -1 when missing
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
@@ -69,8 +68,6 @@ class LogCapture {
   bool contains(const std::string& fragment) const {
     return !matching(fragment).empty();
   }
-  // Position of the first message containing `fragment`, or -1.
-  int indexOf(const std::string& fragment) const;
   // Runs for every message on the logging thread, inside the library's log
   // call (so with its log mutex held: it must not log or wait for anything
   // that logs). Null to remove.
