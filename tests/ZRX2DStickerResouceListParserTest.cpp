@@ -216,21 +216,13 @@ TEST_F(ListParserTest, RootsThatAreNoArrayGiveAnEmptyListWithoutALogLine) {
 }
 
 TEST_F(ListParserTest, ParseErrorsGiveNullTheCodeAndTheErrorLine) {
-  const std::pair<std::string, int> cases[] = {{"", 1},
-                                               {"[] x", 2},
-                                               {"\xEF\xBB\xBF[]", 3},
-                                               {"[1,]", 3},
-                                               {"[{1:2}]", 4},
-                                               {R"([{"a" 1}])", 5},
-                                               {R"([{"a":1 "b":2}])", 6},
-                                               {"[1 2]", 7},
-                                               {R"(["\u12G4"])", 8},
-                                               {R"(["\ud800x"])", 9},
-                                               {R"(["\q"])", 10},
-                                               {R"(["abc)", 11},
-                                               {"[1e400]", 13},
-                                               {"[1.]", 14},
-                                               {"[1e+]", 15}};
+  // clang-format off
+  const std::pair<std::string, int> cases[] = {
+      {"", 1}, {"[] x", 2}, {"\xEF\xBB\xBF[]", 3}, {"[1,]", 3}, {"[{1:2}]", 4},
+      {R"([{"a" 1}])", 5}, {R"([{"a":1 "b":2}])", 6}, {"[1 2]", 7},
+      {R"(["\u12G4"])", 8}, {R"(["\ud800x"])", 9}, {R"(["\q"])", 10},
+      {R"(["abc)", 11}, {"[1e400]", 13}, {"[1.]", 14}, {"[1e+]", 15}};
+  // clang-format on
   for (const auto& c : cases) {
     zrxtest::LogCapture::instance().clear();
     EXPECT_EQ(parse(c.first), nullptr) << c.first;

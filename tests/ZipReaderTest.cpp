@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdint>
 #include <future>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -28,14 +27,10 @@ struct RawEntry {
   uint16_t flags = 0;
 };
 
-// Little-endian fields, each a value and its width in bytes.
-std::string le(std::initializer_list<std::pair<uint64_t, int>> fields) {
+// `value` as a little-endian field of `width` bytes.
+std::string le(uint64_t value, int width) {
   std::string out;
-  for (const auto& field : fields) {
-    for (int i = 0; i < field.second; ++i) {
-      out += static_cast<char>(i < 8 ? field.first >> (8 * i) : 0);
-    }
-  }
+  for (int i = 0; i < width; ++i) out += char(i < 8 ? value >> (8 * i) : 0);
   return out;
 }
 
@@ -49,26 +44,17 @@ void writeRawZip(const std::string& path,
         crc32(0, reinterpret_cast<const Bytef*>(e.data.data()), size);
     // Version needed, flags, method 0, time and date, crc, sizes, name and
     // extra length.
-    const std::string common = le({{20, 2},
-                                   {e.flags, 2},
-                                   {0, 6},
-                                   {crc, 4},
-                                   {size, 4},
-                                   {size, 4},
-                                   {e.name.size(), 2},
-                                   {0, 2}});
-    central += le({{0x02014b50, 4}, {20, 2}}) + common +
-               le({{0, 10}, {body.size(), 4}}) + e.name;
-    body += le({{0x04034b50, 4}}) + common + e.name + e.data;
+    const std::string common = le(20, 2) + le(e.flags, 2) + le(0, 6) +
+                               le(crc, 4) + le(size, 4) + le(size, 4) +
+                               le(e.name.size(), 2) + le(0, 2);
+    central += le(0x02014b50, 4) + le(20, 2) + common + le(0, 10) +
+               le(body.size(), 4) + e.name;
+    body += le(0x04034b50, 4) + common + e.name + e.data;
   }
-  writeFile(path, body + central +
-                      le({{0x06054b50, 4},
-                          {0, 4},
-                          {entries.size(), 2},
-                          {entries.size(), 2},
-                          {central.size(), 4},
-                          {body.size(), 4},
-                          {0, 2}}));
+  const uint64_t count = entries.size();
+  writeFile(path, body + central + le(0x06054b50, 4) + le(0, 4) + le(count, 2) +
+                      le(count, 2) + le(central.size(), 4) +
+                      le(body.size(), 4) + le(0, 2));
 }
 
 void python(const std::string& script, const std::string& args) {
@@ -97,10 +83,10 @@ TEST_F(ZipReaderTest, ExtractsAndListsArchivesOfRealTools) {
   for (std::size_t i = 0; i < big.size(); ++i) big[i] = char(i * i >> 3);
   writeFile(src + "/sub/b.bin", big);
   writeFile(src + "/sub/deeper/c.txt", std::string(50000, 'c'));
-  const zipEntryMap files = {{"a.txt", 6},
-                             {"empty.txt", 0},
-                             {"sub/b.bin", 300000},
-                             {"sub/deeper/c.txt", 50000}};
+  // clang-format off
+  const zipEntryMap files = {{"a.txt", 6}, {"empty.txt", 0},
+                             {"sub/b.bin", 300000}, {"sub/deeper/c.txt", 50000}};
+  // clang-format on
   zipEntryMap listing = files;
   listing.insert({{"sub/", 0}, {"sub/deeper/", 0}});
   for (const std::string tool :
@@ -139,22 +125,15 @@ TEST_F(ZipReaderTest, ExtractsAndListsArchivesOfRealTools) {
 
 TEST_F(ZipReaderTest, NamesAsStoredDuplicatesAndDirectoryOrder) {
   const std::string archive = temp / "names.zip";
-  writeRawZip(archive, {{"b", "first b"},
-                        {"a/", ""},
-                        {"\xC3\xA9.png", "e"},
-                        {"a\\b.txt", "back"},
-                        {"d\\", ""},
-                        {"Z", "z"},
-                        {"a/x", "in a"},
-                        {"b", "second b"}});
+  // clang-format off
+  writeRawZip(archive, {{"b", "first b"}, {"a/", ""}, {"\xC3\xA9.png", "e"},
+                        {"a\\b.txt", "back"}, {"d\\", ""}, {"Z", "z"},
+                        {"a/x", "in a"}, {"b", "second b"}});
   // Unsigned byte order ('/' < '\' < 'b' < 0xC3); the later duplicate's size.
-  EXPECT_EQ(listZipEntries(archive), (zipEntryMap{{"Z", 1},
-                                                  {"a/", 0},
-                                                  {"a/x", 4},
-                                                  {"a\\b.txt", 4},
-                                                  {"b", 8},
-                                                  {"d\\", 0},
-                                                  {"\xC3\xA9.png", 1}}));
+  EXPECT_EQ(listZipEntries(archive),
+            (zipEntryMap{{"Z", 1}, {"a/", 0}, {"a/x", 4}, {"a\\b.txt", 4},
+                         {"b", 8}, {"d\\", 0}, {"\xC3\xA9.png", 1}}));
+  // clang-format on
   const std::string target = freshDir("names");
   writeFile(target + "/b", std::string(5000, 'o'));  // overwritten whole
   ASSERT_TRUE(unzipToDirectory(archive, target));
@@ -244,12 +223,10 @@ TEST_F(ZipReaderTest, HostileArchivesFailAndWriteNothingOutsideTheTarget) {
   const std::string d1 = std::string(250, 'p') + "/";
   const std::string d2 = d1 + std::string(250, 'q') + "/";
   const std::string longest = d2 + std::string(9, 'n');
-  raw({{d1, ""},
-       {d2, ""},
-       {longest, "7 bytes"},
-       {longest + "n", "x"},
-       {"after", "x"}},
-      {d1, d2, longest}, {{d1, 0}, {d2, 0}, {longest, 7}});
+  // clang-format off
+  raw({{d1, ""}, {d2, ""}, {longest, "7 bytes"}, {longest + "n", "x"},
+       {"after", "x"}}, {d1, d2, longest}, {{d1, 0}, {d2, 0}, {longest, 7}});
+  // clang-format on
   const zipEntryMap okOnly = {{"ok.txt", 2}};
   raw({{"ok.txt", "ok"}, {std::string("a\0/../../x.txt", 14), "x"}}, {"ok.txt"},
       okOnly);
