@@ -104,22 +104,31 @@ class ArchiveStream {
   // minizip looks for them: the last signature within the file's last
   // 64 KiB - 1 bytes.
   bool directoryEndsAtItsRecord() {
-    const uint64_t back = std::min<uint64_t>(size_, kMaxCommentSize);
+    const std::size_t back =
+        static_cast<std::size_t>(std::min<uint64_t>(size_, kMaxCommentSize));
     const uint64_t from = size_ - back;
-    std::vector<unsigned char> tail(static_cast<std::size_t>(back));
-    if (!copyAt(from, tail.data(), tail.size())) return false;
-    const auto lastSignature = [&](unsigned char third,
-                                   unsigned char fourth) -> int64_t {
-      for (std::size_t end = tail.size(); end >= 4; --end) {
-        const unsigned char* at = &tail[end - 4];
-        if (at[0] == 'P' && at[1] == 'K' && at[2] == third && at[3] == fourth) {
-          return static_cast<int64_t>(from + end - 4);
+    const char* tail = view(from, back);
+    if (tail == nullptr) return false;
+    // Offset of the last "PK" `third` `fourth` that lies whole in the tail,
+    // or -1.
+    const auto lastSignature = [&](char third, char fourth) -> int64_t {
+      for (std::size_t end = back; end >= 4;) {  // searches [0, end - 3)
+        const void* p = memrchr(tail, 'P', end - 3);
+        if (p == nullptr) break;
+        const std::size_t at =
+            static_cast<std::size_t>(static_cast<const char*>(p) - tail);
+        if (tail[at + 1] == 'K' && tail[at + 2] == third &&
+            tail[at + 3] == fourth) {
+          return static_cast<int64_t>(from + at);
         }
+        end = at + 3;
       }
       return -1;
     };
-    unsigned char field[kZip64RecordSize];
+    // Both searches before any read below moves the window.
     const int64_t locator = lastSignature(6, 7);
+    const int64_t end = lastSignature(5, 6);
+    unsigned char field[kZip64RecordSize];
     if (locator >= 0 &&
         copyAt(static_cast<uint64_t>(locator), field, kZip64LocatorSize) &&
         readLittleEndian(&field[4], 4) == 0 &&
@@ -132,7 +141,6 @@ class ArchiveStream {
                record;
       }
     }
-    const int64_t end = lastSignature(5, 6);
     if (end < 0 || !copyAt(static_cast<uint64_t>(end), field, kEndRecordSize)) {
       return false;
     }
@@ -198,34 +206,45 @@ class ArchiveStream {
       position_ += got;
       return got;
     }
-    if (position_ < windowStart_ ||
-        position_ + wanted > windowStart_ + windowLength_) {
-      // Near the end the window ends with the file: minizip's backward
-      // searches for the directory's end all fall into one window.
-      uint64_t start = position_;
-      if (start + kWindowSize > size_) {
-        start = size_ > kWindowSize ? size_ - kWindowSize : 0;
-      }
-      windowStart_ = start;
-      windowLength_ = fill(window_.get(), start,
-                           static_cast<std::size_t>(
-                               std::min<uint64_t>(kWindowSize, size_ - start)));
-      if (position_ + wanted > windowStart_ + windowLength_) {
-        // A read that failed or came short: hand over what there is.
-        const uint64_t have = windowStart_ + windowLength_ > position_
-                                  ? windowStart_ + windowLength_ - position_
-                                  : 0;
-        if (have == 0) return 0;
-        std::memcpy(buffer, window_.get() + (position_ - windowStart_),
-                    static_cast<std::size_t>(have));
-        position_ += have;
-        return static_cast<uLong>(have);
-      }
-    }
+    if (!covers(position_, wanted)) refill(position_);
+    // A read that failed or came short hands over what there is.
+    const uint64_t have = std::min<uint64_t>(
+        wanted, windowStart_ + windowLength_ > position_
+                    ? windowStart_ + windowLength_ - position_
+                    : 0);
+    if (have == 0) return 0;
     std::memcpy(buffer, window_.get() + (position_ - windowStart_),
-                static_cast<std::size_t>(wanted));
-    position_ += wanted;
-    return static_cast<uLong>(wanted);
+                static_cast<std::size_t>(have));
+    position_ += have;
+    return static_cast<uLong>(have);
+  }
+
+  bool covers(uint64_t offset, uint64_t length) const {
+    return offset >= windowStart_ &&
+           offset + length <= windowStart_ + windowLength_;
+  }
+
+  // Reads the window from `offset` on. Near the end the window ends with
+  // the file: minizip's backward searches for the directory's end all fall
+  // into one window.
+  void refill(uint64_t offset) {
+    uint64_t start = offset;
+    if (start + kWindowSize > size_) {
+      start = size_ > kWindowSize ? size_ - kWindowSize : 0;
+    }
+    windowStart_ = start;
+    windowLength_ = fill(window_.get(), start,
+                         static_cast<std::size_t>(
+                             std::min<uint64_t>(kWindowSize, size_ - start)));
+  }
+
+  // The bytes [offset, offset + length) of the file, in the window until it
+  // moves; null when the file doesn't give them. `length` is at most
+  // kWindowSize.
+  const char* view(uint64_t offset, std::size_t length) {
+    if (!covers(offset, length)) refill(offset);
+    return covers(offset, length) ? window_.get() + (offset - windowStart_)
+                                  : nullptr;
   }
 
   // Reads exactly `length` bytes at `offset` through the window, leaving
