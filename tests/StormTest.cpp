@@ -4,21 +4,12 @@
 // watchdog aborts when an operation does not return; the listeners check
 // that no call comes after a stop, parse or destruction has returned and
 // that a start gets at most one final call per sticker.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <random>
-#include <string>
 #include <thread>
 #include <tuple>
 
@@ -27,38 +18,25 @@
 namespace zrxtest {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 std::atomic<const char*> gOperation{""};
-
-// What all listeners of the storm share.
-struct StormRecord {
-  // From the return of a stop, parse or destruction until the next start:
-  // no listener call may come meanwhile.
-  std::atomic<bool> quiet{true};
-  // The run a final call belongs to: it moves on when a stop has joined the
-  // workers (also inside a start of all stickers) and at each parse.
-  std::atomic<int> run{0};
-  std::atomic<int> sequence{0}, step{0};
-  std::atomic<long> progressCalls{0}, finalCalls{0};
-  std::mutex mutex;
-  std::map<std::tuple<int, const void*, std::string>, int> finals;
-  std::vector<std::string> violations;
-
-  void violation(const std::string& what) {
-    std::lock_guard<std::mutex> lock(mutex);
-    violations.push_back("sequence " + std::to_string(sequence) + " step " +
-                         std::to_string(step) + ": " + what);
-  }
-};
 
 class StormListener : public ZRX2DStickerDownloadListener {
  public:
-  explicit StormListener(StormRecord& record) : record_(record) {}
+  // From the return of a stop, parse or destruction until the next start
+  // no call may come. A final call belongs to the run it comes in: that
+  // moves on when a stop has joined the workers (also inside a start of
+  // all stickers), and at each parse.
+  static inline std::atomic<bool> quiet{true};
+  static inline std::atomic<int> run{0};
+  static inline std::atomic<long> progressCalls{0}, finalCalls{0};
+  static inline std::mutex mutex;
+  static inline std::map<std::tuple<int, const void*, std::string>, int> finals;
+  static inline std::vector<std::string> violations;
+
   void onDownloadProgress(ZRX2DStickerResItem* item) override {
     // Reads the item: under a sanitizer a released item shows here.
-    if (record_.quiet) record_.violation("progress of " + item->resId);
-    ++record_.progressCalls;
+    if (quiet) violation("progress of " + item->resId + " when quiet");
+    ++progressCalls;
   }
   void onDownloadSuccess(std::string resId) override { final(resId, 0); }
   void onDownloadFailed(std::string resId, int code) override {
@@ -68,193 +46,123 @@ class StormListener : public ZRX2DStickerDownloadListener {
  private:
   void final(const std::string& resId, int code) {
     const std::string what = std::to_string(code) + " of " + resId;
-    if (record_.quiet) record_.violation(what + " when quiet");
-    ++record_.finalCalls;
-    std::unique_lock<std::mutex> lock(record_.mutex);
-    if (++record_.finals[{record_.run.load(), this, resId}] > 1) {
-      lock.unlock();
-      record_.violation("second final call " + what + " in one start");
-    }
+    if (quiet) violation(what + " when quiet");
+    ++finalCalls;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (++finals[{run.load(), this, resId}] > 1)
+      violations.push_back("second final call " + what + " in one start");
   }
-  StormRecord& record_;
+  static void violation(const std::string& what) {
+    std::lock_guard<std::mutex> lock(mutex);
+    violations.push_back(what);
+  }
 };
 
-TEST(StormTest, RandomStopsAndStartsNeverHangNorBreakTheListenerRules) {
+using StormTest = StickerFixture;
+
+TEST_F(StormTest, RandomStopsAndStartsNeverHangNorBreakTheListenerRules) {
   const unsigned seed = testSeed();
   std::mt19937 rng(seed);
-
-  // Plain and archive stickers, fast and slow; one archive is an error page
-  // that fails to unpack.
-  TempDir served;
-  std::map<std::string, std::string> plain;
-  for (const char* resId : {"p1", "p2", "p3"}) {
-    plain[resId] = randomBytes(30000 + rng() % 60000, rng());
-    writeFile(served / (std::string(resId) + ".bin"), plain[resId]);
-  }
-  const std::string image = randomBytes(80000, rng());
-  makeDirs(served / "src/img");
-  writeFile(served / "src/img/i.png", image);
-  writeFile(served / "src/big.bin", std::string(3 << 20, '\0'));
-  ASSERT_EQ(run("cd " + shellQuote(served / "src") +
-                " && zip -qr ../a.zip img big.bin"),
-            0);
-  TestServer server(served.path());
+  writeFile(served / "p.bin", randomBytes(60000, rng()));
+  makeArchive("a.zip", {{"img/i.png", randomBytes(80000, rng())},
+                        {"big.bin", std::string(3 << 20, '\0')}});
+  const std::vector<std::string> ids = {"p1", "p2", "a0", "a1", "bad"};
   const std::vector<std::string> catalogue = {
-      sticker("p1", server.url("/slow/p1.bin?bps=100000"), "p1.bin"),
-      sticker("p2", server.url("/files/p2.bin"), "p2.bin"),
-      sticker("p3", server.url("/slow/p3.bin?bps=40000"), "p3.bin"),
-      sticker("a0", server.url("/files/a.zip"), "a0", ".zip", 0),
-      sticker("a1", server.url("/slow/a.zip?bps=200000"), "a1", ".zip", 1),
-      sticker("a3", server.url("/slow/a.zip?bps=300000"), "a3", ".zip", 3),
-      sticker("bad", server.url("/status/404"), "bad", ".zip", 1)};
-  const auto listText = [&](std::vector<std::string> chosen) {
-    std::string json = "[";
-    for (const std::string& s : chosen)
-      json += (json.size() > 1 ? "," : "") + s;
-    return json + "]";
-  };
+      sticker("p1", server->url("/slow/p.bin?bps=100000"), "p1.bin"),
+      sticker("p2", server->url("/files/p.bin"), "p2.bin"),
+      sticker("a0", server->url("/files/a.zip"), "a0", ".zip", 0),
+      sticker("a1", server->url("/slow/a.zip?bps=200000"), "a1", ".zip", 1),
+      sticker("bad", server->url("/status/404"), "bad", ".zip", 1)};
 
-  StormRecord record;
-  StormListener parseListener(record);
-  std::deque<std::unique_ptr<StormListener>> singleListeners;
-  LogCapture::instance().setHook([&record](const std::string& message) {
-    if (message.find("] stop downloader success!") != std::string::npos) {
-      ++record.run;
-    }
+  StormListener parseListener;
+  std::deque<StormListener> singleListeners;
+  LogCapture::instance().setHook([](const std::string& message) {
+    if (message.find("] stop downloader success!") != std::string::npos)
+      ++StormListener::run;
   });
   // An operation that has not returned within a minute aborts the process
   // with its name: a deadlock must not hang the suite.
   signal(SIGALRM, [](int) {
-    const char* what = gOperation;
-    (void)!::write(2, what, std::strlen(what));
+    (void)!::write(2, gOperation.load(), std::strlen(gOperation.load()));
     std::abort();
   });
-  const auto guarded = [&](const char* what, const std::function<void()>& op) {
+  bool hasList = false, attached = false;
+  const auto guarded = [&](const char* what, const std::function<void()>& op,
+                           bool settles = true) {
     gOperation = what;
     ::alarm(60);
     op();
     ::alarm(0);
-  };
-
-  std::unique_ptr<TempDir> downloads;
-  std::unique_ptr<ZRResourceDownloadManager> manager;
-  bool hasList = false, attached = false;
-  const auto settle = [&] {
-    record.quiet = true;
+    if (!settles) return;
+    StormListener::quiet = true;
     attached = false;
-    ++record.run;
+    ++StormListener::run;
   };
   const auto parse = [&](bool valid) {
     std::vector<std::string> chosen = catalogue;
     std::shuffle(chosen.begin(), chosen.end(), rng);
-    if (rng() % 4 == 0) chosen.resize(1 + rng() % chosen.size());
-    const std::string text = valid ? listText(chosen) : "[{\"url\":";
+    chosen.resize(1 + rng() % chosen.size());
     guarded("storm: parse hangs\n", [&] {
       int error = 0;
-      hasList = manager->ZRX_parse2DStickerResource(text, error,
-                                                    &parseListener) != nullptr;
+      hasList = manager->ZRX_parse2DStickerResource(
+                    valid ? listOf(chosen) : "[{\"url\":", error,
+                    &parseListener) != nullptr;
     });
-    settle();
   };
   const auto create = [&] {
     manager = std::make_unique<ZRResourceDownloadManager>();
-    manager->ZRX_set2DStickerDownloadPath(downloads->path());
+    manager->ZRX_set2DStickerDownloadPath(downloads.path());
     parse(true);
   };
-  const auto destroy = [&] {
-    guarded("storm: destruction hangs\n", [&] { manager.reset(); });
-    settle();
-  };
 
-  const auto begin = Clock::now();
+  const auto begin = std::chrono::steady_clock::now();
   int sequences = 0;
-  for (; sequences < 150 && Clock::now() - begin < std::chrono::seconds(9);
+  for (; sequences < 150 &&
+         std::chrono::steady_clock::now() - begin < std::chrono::seconds(9);
        ++sequences) {
-    record.sequence = sequences;
-    // A fresh directory now and then: starts meet an empty disk and
-    // installed stickers.
-    if (sequences % 15 == 0) downloads = std::make_unique<TempDir>();
+    // An empty disk now and then, so that starts meet transfers again.
+    if (sequences % 10 == 0) run("rm -rf " + shellQuote(downloads.path()) + "/*");
     create();
-    const int steps = 2 + static_cast<int>(rng() % 6);
-    for (int step = 0; step < steps; ++step) {
-      record.step = step;
+    for (int step = 2 + static_cast<int>(rng() % 6); step > 0; --step) {
       // A moment within a transfer or an extraction, or right after the
       // last operation.
       std::this_thread::sleep_for(
           std::chrono::milliseconds(rng() % 4 == 0 ? rng() % 200 : rng() % 10));
       const unsigned pick = rng() % 100;
       if (pick < 28) {
-        if (hasList) {
-          record.quiet = false;
-          attached = true;
-        }
+        StormListener::quiet = !hasList;
+        attached = hasList;
         guarded("storm: start all hangs\n",
-                [&] { manager->ZRX_start2DStickerDownloadAllSticker(); });
+                [&] { manager->ZRX_start2DStickerDownloadAllSticker(); }, false);
       } else if (pick < 55) {
-        static const char* const kIds[] = {"p1", "p2", "p3", "a0",
-                                           "a1", "a3", "bad"};
-        const std::string resId = rng() % 10 ? kIds[rng() % 7] : "nobody";
-        singleListeners.push_back(std::make_unique<StormListener>(record));
-        StormListener* to = rng() % 10 ? singleListeners.back().get() : nullptr;
-        const int limits[] = {0, 0, 0, 1, 3};
-        const int limit = limits[rng() % 5];
-        if (attached) record.quiet = false;
+        const std::string resId = rng() % 10 ? ids[rng() % ids.size()] : "nobody";
+        StormListener* to = rng() % 10 ? &singleListeners.emplace_back() : nullptr;
+        const int limit = std::vector<int>{0, 0, 1, 3}[rng() % 4];
+        if (attached) StormListener::quiet = false;
         guarded("storm: start one hangs\n", [&] {
           manager->ZRX_start2DStickerDownloadSticker(resId, to, limit);
-        });
+        }, false);
       } else if (pick < 78) {
         guarded("storm: stop hangs\n",
                 [&] { manager->ZRX_stop2DStickerDownloadSticker(); });
-        settle();
       } else if (pick < 90) {
         parse(rng() % 8 != 0);
       } else {
-        destroy();
+        guarded("storm: destruction hangs\n", [&] { manager.reset(); });
         create();
       }
     }
-    destroy();
+    guarded("storm: destruction hangs\n", [&] { manager.reset(); });
     LogCapture::instance().clear();
   }
   signal(SIGALRM, SIG_DFL);
-
-  // A start without interference installs every sticker whole: no stop
-  // left a cut file that the check at start would take for installed.
-  RecordingListener last;
-  ZRResourceDownloadManager clean;
-  clean.ZRX_set2DStickerDownloadPath(downloads->path());
-  int error = 0;
-  ZRX2DStickerResList* list =
-      clean.ZRX_parse2DStickerResource(listText(catalogue), error, &last);
-  ASSERT_NE(list, nullptr);
-  clean.ZRX_start2DStickerDownloadAllSticker();
-  ASSERT_TRUE(last.waitForFinals(catalogue.size(), std::chrono::seconds(120)));
-  clean.ZRX_stop2DStickerDownloadSticker();
-  LogCapture::instance().setHook(nullptr);
-  for (const ZRX2DStickerResItem* item : list->items) {
-    const auto finals = last.finalsFor(item->resId);
-    ASSERT_EQ(finals.size(), 1u) << item->resId;
-    EXPECT_EQ(finals[0].code, item->resId == "bad" ? -10004 : 0);
-    const std::string dir = downloads->path() + "/" + item->dirName;
-    if (item->unzipType == 2) {
-      EXPECT_TRUE(holds(dir + "/" + item->fileName, plain[item->resId]));
-    } else if (item->resId != "bad") {
-      const std::string into =
-          item->unzipType == 3 ? downloads->path() + "/" + item->resId : dir;
-      EXPECT_TRUE(holds(into + "/img/i.png", image)) << item->resId;
-      EXPECT_EQ(sizeOf(into + "/big.bin"), 3 << 20) << item->resId;
-    }
-  }
-
-  std::printf(
-      "storm: %d sequences in %.1f s; listener calls: %ld progress, "
-      "%ld final; violations: %zu\n",
-      sequences, std::chrono::duration<double>(Clock::now() - begin).count(),
-      record.progressCalls.load(), record.finalCalls.load(),
-      record.violations.size());
-  for (std::size_t i = 0; i < record.violations.size() && i < 20; ++i) {
-    ADD_FAILURE() << record.violations[i] << " (seed " << seed << ")";
-  }
+  std::printf("storm (seed %u): %d sequences; listener calls: %ld progress, "
+              "%ld final; violations: %zu\n",
+              seed, sequences, StormListener::progressCalls.load(),
+              StormListener::finalCalls.load(),
+              StormListener::violations.size());
+  for (std::size_t i = 0; i < StormListener::violations.size() && i < 20; ++i)
+    ADD_FAILURE() << StormListener::violations[i];
 }
 
 }  // namespace

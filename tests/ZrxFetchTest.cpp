@@ -25,7 +25,8 @@ struct Outcome {
 
 // Runs zrx-fetch with `args` (shell words) in `cwd`, `input` on its stdin,
 // without a terminal, under timeout(1) with `limit`: by default a run that
-// hangs ends with status 124.
+// hangs ends with status 124. A signal sent by `limit` must use --foreground,
+// or timeout(1) sends it a second time to the whole process group.
 Outcome fetch(const TempDir& cwd, const std::string& args,
               const std::string& input = "", const std::string& limit = "60") {
   writeFile(cwd / "stdin", input);
@@ -119,7 +120,8 @@ TEST_F(ZrxFetchTest, ExitStatusTellsUsageErrorsFailuresAndInterrupts) {
 
   // Ctrl-C three seconds in, in the middle of the slow sticker.
   const Outcome interrupted =
-      fetch(cwd, served / "list.json", "", "--preserve-status -k 30 -s INT 3");
+      fetch(cwd, served / "list.json", "",
+            "--foreground --preserve-status -k 30 -s INT 3");
   EXPECT_EQ(interrupted.status, 130) << interrupted.out << interrupted.err;
   EXPECT_TRUE(interrupted.says("interrupted")) << interrupted.out;
   EXPECT_FALSE(fileExists(cwd / "stickers/big.bin"));

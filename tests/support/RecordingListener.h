@@ -39,10 +39,6 @@ class RecordingListener : public ZRX2DStickerDownloadListener {
     record({Kind::kFailed, resId, errorCode, std::this_thread::get_id(), 0, 0});
   }
 
-  std::vector<Event> events() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
-  }
   // Final calls (success or failure), of every sticker or of `resId`.
   std::vector<Event> finals() const { return select(false, nullptr); }
   std::vector<Event> finalsFor(const std::string& resId) const {

@@ -11,7 +11,6 @@
 #include <map>
 #include <memory>
 #include <random>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -25,8 +24,8 @@ namespace zrxtest {
 
 using Kind = RecordingListener::Kind;
 
-// One element of a sticker list; empty strings and type 2 (plain, the
-// default) leave their key out.
+// One element of a sticker list; an empty name or ext and type 2 (plain,
+// the default) leave their key out.
 inline std::string sticker(const std::string& resId, const std::string& url,
                            const std::string& name = "",
                            const std::string& ext = "", int unzipType = 2) {
@@ -35,6 +34,12 @@ inline std::string sticker(const std::string& resId, const std::string& url,
   if (!ext.empty()) json += R"(,"ext":")" + ext + "\"";
   if (unzipType != 2) json += R"(,"unzip_type":)" + std::to_string(unzipType);
   return json + "}";
+}
+
+inline std::string listOf(const std::vector<std::string>& stickers) {
+  std::string json = "[";
+  for (const std::string& s : stickers) json += (json.size() > 1 ? "," : "") + s;
+  return json + "]";
 }
 
 // The seed of a randomised test: ZRX_TEST_SEED when set, else a fresh one.
@@ -77,12 +82,9 @@ class StickerFixture : public ::testing::Test {
 
   void parse(const std::vector<std::string>& stickers,
              ZRX2DStickerDownloadListener* to = nullptr) {
-    std::string json = "[";
-    for (const std::string& s : stickers)
-      json += (json.size() > 1 ? "," : "") + s;
+    json = listOf(stickers);
     int error = 0;
-    list = manager->ZRX_parse2DStickerResource(json + "]", error,
-                                               to ? to : &listener);
+    list = manager->ZRX_parse2DStickerResource(json, error, to ? to : &listener);
     ASSERT_NE(list, nullptr) << json;
   }
   ZRX2DStickerResItem* item(const std::string& resId) const {
@@ -108,21 +110,18 @@ class StickerFixture : public ::testing::Test {
   RecordingListener::Event finalOf(const std::string& resId) const {
     return finalOf(resId, listener);
   }
-  // Info-ZIP zip makes `name` below the served directory from `files`,
-  // with an entry for each directory.
+  // Info-ZIP zip makes `name` below the served directory from `files`, with
+  // an entry for each directory; `order` names what goes in, in order.
   void makeArchive(const std::string& name,
-                   const std::map<std::string, std::string>& files) {
+                   const std::map<std::string, std::string>& files,
+                   const std::string& order = ".") {
     const std::string src = served / (name + ".src");
-    std::set<std::string> top;
     for (const auto& [file, content] : files) {
       makeDirs(src + "/" + file.substr(0, file.rfind('/') + 1));
       writeFile(src + "/" + file, content);
-      top.insert(shellQuote(file.substr(0, file.find('/'))));
     }
-    std::string names;
-    for (const std::string& t : top) names += " " + t;
     ASSERT_EQ(run("cd " + shellQuote(src) + " && zip -qr " +
-                  shellQuote("../" + name) + names),
+                  shellQuote("../" + name) + " " + order),
               0);
   }
   // The listener hears of a failure before the clean-up and its log line.
@@ -136,6 +135,7 @@ class StickerFixture : public ::testing::Test {
   RecordingListener listener;
   std::unique_ptr<ZRResourceDownloadManager> manager;
   ZRX2DStickerResList* list = nullptr;
+  std::string json;  // the list parsed last
 };
 
 }  // namespace zrxtest
