@@ -5,8 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "support/TestServer.h"
-#include "support/TestSupport.h"
+#include "support/StickerFixture.h"
 
 namespace zrxtest {
 namespace {
@@ -85,17 +84,14 @@ TEST_F(ZrxFetchTest, ExitStatusTellsUsageErrorsFailuresAndInterrupts) {
   writeFile(served / "a.png", std::string(2000, 'a'));
   writeFile(served / "big.bin", std::string(400000, 'b'));
   const std::string a = server.url("/files/a.png");
-  const std::string slow = server.url("/slow/big.bin?bps=10000");
   const std::string closed =
       "http://127.0.0.1:" + std::to_string(TestServer::closedPort());
-  writeFile(served / "list.json", R"([{"resId":"a","url":")" + a +
-                                      R"(","name":"a.png"},
-                {"resId":"again","url":")" +
-                                      a + R"(?2","name":"a.png"},
-                {"resId":"down","url":")" +
-                                      closed + R"(","name":"b.png"},
-                {"resId":"slow","url":")" +
-                                      slow + R"(","name":"big.bin"}])");
+  writeFile(
+      served / "list.json",
+      listOf(
+          {sticker("a", a, "a.png"), sticker("again", a + "?2", "a.png"),
+           sticker("down", closed, "b.png"),
+           sticker("slow", server.url("/slow/big.bin?bps=10000"), "big.bin")}));
 
   EXPECT_EQ(fetch(cwd, "--frobnicate").status, 2);
   const Outcome invalid = fetch(cwd, "-", R"([{"resId":"a"},])");

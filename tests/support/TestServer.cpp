@@ -89,8 +89,6 @@ int TestServer::connectionCount() const {
   return countLines(dir_ / "requests.log", "+");
 }
 
-void TestServer::resetCounts() { writeFile(dir_ / "requests.log", ""); }
-
 int TestServer::closedPort() {
   const int sock = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};

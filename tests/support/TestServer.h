@@ -31,7 +31,6 @@ class TestServer {
   int requestCount(const std::string& target) const;
   int totalRequests() const;
   int connectionCount() const;
-  void resetCounts();
 
   // A loopback port that nothing listens on.
   static int closedPort();

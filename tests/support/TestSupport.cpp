@@ -2,13 +2,12 @@
 
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -21,12 +20,10 @@ TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
   std::string pattern =
       std::string(base && *base ? base : "/tmp") + "/zrx2dsticker-test-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (::mkdtemp(buffer.data()) == nullptr) {
+  if (::mkdtemp(pattern.data()) == nullptr) {
     throw std::runtime_error("mkdtemp failed");
   }
-  path_ = buffer.data();
+  path_ = pattern;
 }
 
 TempDir::~TempDir() {
@@ -48,9 +45,7 @@ long long sizeOf(const std::string& path) {
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void writeFile(const std::string& path, const std::string& content) {

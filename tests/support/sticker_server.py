@@ -122,20 +122,18 @@ class Handler(BaseHTTPRequestHandler):
             time.sleep(max(0, start + sent / rate - time.monotonic()))
             self.wfile.write(data[sent:sent + piece])
 
-    def route_stall(self, name):
+    def route_stall(self, name, drop=False):
         data = self.load(name)
         if data is not None:
             self.wfile.write(data[:len(data) // 2])
             self.close_connection = True
+            if drop:
+                return self.connection.shutdown(socket.SHUT_RDWR)
             while self.connection.recv(4096):  # until the client leaves
                 pass
 
     def route_drop(self, name):
-        data = self.load(name)
-        if data is not None:
-            self.wfile.write(data[:len(data) // 2])
-            self.close_connection = True
-            self.connection.shutdown(socket.SHUT_RDWR)
+        self.route_stall(name, drop=True)
 
 
 server = Server(("127.0.0.1", 0), Handler)
