@@ -1,6 +1,8 @@
 // The log facility's process-wide state belongs to this executable alone.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <future>
@@ -75,7 +77,7 @@ TEST(ZRXLogStartState, Defaults) {
 }
 
 TEST_F(ZRXLogTest, ThresholdKeyAndRegistrationRules) {
-  static const char kKey[] = "host-key";
+  static char kKey[] = "host-key";
   ZRXSetLogLevel(4);
   ZRXSetLogBaseManagerUniqueKey(kKey);
   ZRXLogCallback(3, kTag, "3");
@@ -89,7 +91,7 @@ TEST_F(ZRXLogTest, ThresholdKeyAndRegistrationRules) {
   ZRXReleaseLogBaseManager();
   ZRXReleaseLogBaseManager();
   ZRXSetLogLevel(9);
-  ZRXSetLogBaseManagerUniqueKey("second");
+  ZRXSetLogBaseManagerUniqueKey(const_cast<char*>("second"));
   gReceived.clear();
   EXPECT_EQ(debugChannel([] {
               ZRXLogCallback(4, kTag, "released");
@@ -195,6 +197,61 @@ TEST_F(ZRXLogTest, LockIsHeldPerMessageAndGivenBackOnAnException) {
     expected += r.substr(8) + "\n";
   }
   EXPECT_TRUE(written == expected);
+}
+
+// A host whose standard error is a pipe nobody reads, or one that is full,
+// blocking or not: logging goes on from two threads, returns promptly, and
+// the host ends normally with its SIGPIPE disposition, mask and pending set
+// as they were. Each case runs in a child process (this test's process has
+// one thread when it forks), which an alarm ends if logging hangs.
+TEST(ZRXLogDebugChannel, BrokenOrFullStandardErrorNeverHurtsTheHost) {
+  enum Channel { kNoReader, kFullNonBlocking, kFullBlocking };
+  for (Channel channel : {kNoReader, kFullNonBlocking, kFullBlocking}) {
+    SCOPED_TRACE(channel);
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      ::alarm(60);
+      if (channel == kNoReader) {
+        ::close(ends[0]);
+      } else {
+        ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
+        const std::string block(4096, 'f');
+        while (::write(ends[1], block.data(), block.size()) > 0) {
+        }
+        if (channel == kFullBlocking) ::fcntl(ends[1], F_SETFL, 0);
+      }
+      ::dup2(ends[1], STDERR_FILENO);
+      auto logSome = [] {
+        for (int i = 0; i < 300; ++i) ZRXLogCallback(3, kTag, "line %d", i);
+      };
+      std::thread other(logSome);
+      logSome();
+      other.join();
+      struct sigaction disposition;
+      sigset_t mask, pending;
+      ::sigaction(SIGPIPE, nullptr, &disposition);
+      ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+      ::sigpending(&pending);
+      const bool intact = disposition.sa_handler == SIG_DFL &&
+                          !sigismember(&mask, SIGPIPE) &&
+                          !sigismember(&pending, SIGPIPE);
+      ::_exit(intact ? 0 : 3);
+    }
+    // Without a reader in either process, the child's writes break the pipe;
+    // otherwise this process holds the read end and never reads.
+    ::close(ends[1]);
+    if (channel == kNoReader) ::close(ends[0]);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    if (channel != kNoReader) ::close(ends[0]);
+    EXPECT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
+    if (WIFEXITED(status)) {
+      EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
+  }
 }
 
 }  // namespace

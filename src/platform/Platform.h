@@ -45,7 +45,10 @@ int wideToMultiByte(const char16_t* source, int sourceLength, char* target,
                     int targetSize);
 
 // Writes zero-terminated `text` to the platform's debug channel (stderr on
-// POSIX) in one system call, without allocating.
+// POSIX) in one system call, without allocating. Best effort, and harmless
+// to the host: a closed or broken channel drops the text without a signal
+// (SIGPIPE is never raised, its disposition never touched), a full one is
+// waited on for a bounded time, and errno is left as it was.
 void outputDebugString(const char* text);
 
 // Sleeps for `milliseconds`.

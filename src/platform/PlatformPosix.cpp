@@ -2,11 +2,15 @@
 #include "platform/Platform.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -144,14 +148,70 @@ int wideToMultiByte(const char16_t* source, int sourceLength, char* target,
   return out;
 }
 
+namespace {
+
+// How long a message waits for room on a standard error that is a full pipe
+// or socket: a reader that is behind gets this long to catch up.
+constexpr int kDebugChannelWaitMilliseconds = 50;
+
+// Set when the debug channel had no room within the wait, cleared by the
+// next message that finds room: a reader that has stopped reading costs one
+// wait, not one per message. Any thread; relaxed, it only picks a time-out.
+std::atomic<bool> gDebugChannelStalled{false};
+
+// Writes to standard error without ever raising SIGPIPE in the host: the
+// signal is blocked on this thread for the write, and one that the write
+// raised (and only that one) is taken off the thread before the old mask
+// comes back. The host's disposition of SIGPIPE is never touched.
+void writeWithoutSigpipe(const char* text, std::size_t len) {
+  sigset_t pipeOnly;
+  sigset_t oldMask;
+  sigemptyset(&pipeOnly);
+  sigaddset(&pipeOnly, SIGPIPE);
+  if (::pthread_sigmask(SIG_BLOCK, &pipeOnly, &oldMask) != 0) return;
+  sigset_t pending;
+  sigemptyset(&pending);
+  ::sigpending(&pending);
+  const bool pendingBefore = sigismember(&pending, SIGPIPE) == 1;
+  ssize_t written;
+  do {
+    written = ::write(STDERR_FILENO, text, len);
+  } while (written < 0 && errno == EINTR);
+  if (written < 0 && errno == EPIPE && !pendingBefore) {
+    const struct timespec noWait = {0, 0};
+    while (::sigtimedwait(&pipeOnly, nullptr, &noWait) < 0 && errno == EINTR) {
+    }
+  }
+  ::pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
+}
+
+}  // namespace
+
 void outputDebugString(const char* text) {
   if (text == nullptr) return;
   const std::size_t len = std::strlen(text);
   if (len == 0) return;
-  // One write(2): concurrent writers never interleave inside a text. The
-  // result is of no use to the caller: the channel is best effort.
-  ssize_t ignored = ::write(STDERR_FILENO, text, len);
-  (void)ignored;
+  // The channel is best effort and must never hold up or end the host: a
+  // closed or broken standard error drops the message, and one that has no
+  // room (a full pipe, blocking or not) gets a bounded wait. A message of up
+  // to PIPE_BUF bytes fits once poll reports room.
+  const int savedErrno = errno;
+  struct pollfd channel = {STDERR_FILENO, POLLOUT, 0};
+  const int wait = gDebugChannelStalled.load(std::memory_order_relaxed)
+                       ? 0
+                       : kDebugChannelWaitMilliseconds;
+  int ready;
+  do {
+    ready = ::poll(&channel, 1, wait);
+  } while (ready < 0 && errno == EINTR);
+  if (ready == 0) gDebugChannelStalled.store(true, std::memory_order_relaxed);
+  if (ready == 1 && (channel.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0 &&
+      (channel.revents & POLLOUT) != 0) {
+    gDebugChannelStalled.store(false, std::memory_order_relaxed);
+    // One write(2): concurrent writers never interleave inside a text.
+    writeWithoutSigpipe(text, len);
+  }
+  errno = savedErrno;
 }
 
 void sleepMilliseconds(unsigned milliseconds) {
