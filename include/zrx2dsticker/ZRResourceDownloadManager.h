@@ -17,7 +17,6 @@
 #ifndef ZRX2DSTICKER_ZRRESOURCEDOWNLOADMANAGER_H_
 #define ZRX2DSTICKER_ZRRESOURCEDOWNLOADMANAGER_H_
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -83,9 +82,14 @@ class ZRX_EXPORT ZRX2DStickerResItem {
   // into a directory named after the file. Any other value: a zip archive
   // unpacked beside itself.
   int unzipType;
-  // 0 no outcome yet, 1 in place, -1 failed. Written by the library's
-  // threads; read it as a plain int (`int s = item->downloadState;`).
-  std::atomic<int> downloadState;
+  // 0 no outcome yet, 1 in place, -1 failed. A plain int, written by the
+  // library under stateMutex while workers run (on the host's thread without
+  // a lock only while none runs: the installed check and the single-sticker
+  // start). To read it while workers may run, hold the item's stateMutex
+  // (`std::lock_guard<std::mutex> lock(item->stateMutex);`) but never inside
+  // a final listener call, which already holds it: there, and after that
+  // call or after a stop has returned, read it directly.
+  int downloadState;
   // Limit of one transfer in seconds and its connect time-out; <= 0: no
   // overall limit and a connect time-out of 15 seconds.
   int timeoutSeconds;

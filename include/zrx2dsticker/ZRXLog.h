@@ -28,8 +28,11 @@ ZRX_EXPORT void ZRXRegisterLogBaseManager(ZRXLogBaseCallback callback);
 ZRX_EXPORT void ZRXReleaseLogBaseManager();
 
 // Stores the pointer `key` (not a copy: the host keeps the text alive for as
-// long as messages may be logged). Does nothing while unregistered.
-ZRX_EXPORT void ZRXSetLogBaseManagerUniqueKey(const char* key);
+// long as messages may be logged). The library never writes through it; the
+// parameter is a plain char pointer, so a string literal needs a cast:
+// `ZRXSetLogBaseManagerUniqueKey(const_cast<char*>("host-1"));`. Does
+// nothing while unregistered.
+ZRX_EXPORT void ZRXSetLogBaseManagerUniqueKey(char* key);
 
 // Sets the threshold: a message passes when its level is >= `level`.
 // Does nothing while unregistered.

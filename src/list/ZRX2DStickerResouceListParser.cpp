@@ -249,7 +249,7 @@ class ListBuilder {
       item.dirName = item.fileName;
     }
     // Nobody else sees the item yet: no ordering needed.
-    item.downloadState.store(0, std::memory_order_relaxed);
+    item.downloadState = 0;
     item.timeoutSeconds = 0;
     item.listener = listener_;
     if (hasExt_) item.fileName += ext_;

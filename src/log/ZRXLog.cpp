@@ -42,8 +42,9 @@ std::mutex gLogMutex;
 // Guarded by gLogMutex.
 // Threshold: a message passes when its level is >= this value.
 int gLogLevel = 1;
-// The host's key text, not a copy: the host keeps it alive.
-const char* gLogUniqueKey = nullptr;
+// The host's key text, not a copy: the host keeps it alive. Never written
+// through.
+char* gLogUniqueKey = nullptr;
 
 }  // namespace
 
@@ -61,7 +62,7 @@ void ZRXReleaseLogBaseManager() {
   gLogRegistered.store(false, std::memory_order_relaxed);
 }
 
-void ZRXSetLogBaseManagerUniqueKey(const char* key) {
+void ZRXSetLogBaseManagerUniqueKey(char* key) {
   if (!gLogRegistered.load(std::memory_order_relaxed)) return;
   std::lock_guard<std::mutex> lock(gLogMutex);
   gLogUniqueKey = key;

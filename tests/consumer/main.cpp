@@ -2,9 +2,26 @@
 #include <zrx2dsticker/ZRResourceDownloadManager.h>
 
 #include <cstdio>
+#include <type_traits>
+
+// Ordinary host code that the public records and log functions must accept
+// as written: a plain int state and the log key as a char pointer.
+static_assert(std::is_same<decltype(ZRX2DStickerResItem::downloadState),
+                           int>::value,
+              "downloadState is a plain int");
+static void (*const setKey)(char*) = &ZRXSetLogBaseManagerUniqueKey;
+
+static int stateOf(ZRX2DStickerResItem* item) {
+  auto s = item->downloadState;
+  std::printf("%d\n", item->downloadState);
+  int* p = &item->downloadState;
+  return s + *p;
+}
 
 int main() {
   ZRXDisableLog();
+  static char key[] = "consumer";
+  setKey(key);
   ZRResourceDownloadManager manager;
   int error = 0;
   ZRX2DStickerResList* list = manager.ZRX_parse2DStickerResource(
@@ -18,5 +35,6 @@ int main() {
     std::printf("%s %s %s %d\n", item->resId.c_str(), item->dirName.c_str(),
                 item->fileName.c_str(), item->unzipType);
   }
+  if (stateOf(list->items[0]) != 0) return 1;
   return 0;
 }
