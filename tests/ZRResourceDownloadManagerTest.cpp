@@ -55,6 +55,18 @@ TEST(ZRResourceDownloadManagerTest, CopiesShareOneStateUntilTheFirstDies) {
   LogCapture::instance().clear();
   copy.ZRX_start2DStickerDownloadSticker("here", &listener, 1);
   EXPECT_FALSE(LogCapture::instance().contains("start downloading!"));
+  // Yet the downloader is not idle: the next start of all stickers stops
+  // it, with both lines, before it attaches the new list.
+  ASSERT_NE(copy.ZRX_parse2DStickerResource("[]", error, &listener), nullptr);
+  LogCapture::instance().clear();
+  source->ZRX_start2DStickerDownloadAllSticker();
+  std::vector<std::string> messages;
+  for (const LogLine& line : LogCapture::instance().lines()) {
+    messages.push_back(line.message.substr(line.message.find("] ") + 2));
+  }
+  EXPECT_EQ(messages, (std::vector<std::string>{
+                          "stop downloader begin!", "stop downloader success!",
+                          "no valid index to download!"}));
 
   delete source;  // tears the shared state down for the copy too
   EXPECT_EQ(copy.ZRX_parse2DStickerResource("[{}]", error, nullptr), nullptr);

@@ -77,6 +77,7 @@ bool isHttpsUrl(const std::string& url) {
 
 ZRX2DStickerResourceDownloader::ZRX2DStickerResourceDownloader()
     : attachedList(nullptr),
+      releasedListAttached(false),
       multiHandle(nullptr),
       currentFile(nullptr),
       downloadThread(nullptr),
@@ -136,7 +137,9 @@ void ZRX2DStickerResourceDownloader::workerShutdown() {
 void ZRX2DStickerResourceDownloader::startDownloadAllStickerResource(
     ZRX2DStickerResList* list) {
   if (list == nullptr) return;
-  if (attachedList != nullptr) stopDownloadStikcerResource();
+  if (attachedList != nullptr || releasedListAttached) {
+    stopDownloadStikcerResource();
+  }
   attachedList = list;
   _checkStickerExistsOrNot();
   if (downloadQueue.empty()) {
@@ -201,6 +204,7 @@ void ZRX2DStickerResourceDownloader::stopDownloadStikcerResource() {
   downloadQueue.clear();
   unzipQueue.clear();
   attachedList = nullptr;
+  releasedListAttached = false;
   ZRX_LOG(3, "[%s:%d] stop downloader success!", ZRX_AT(kStopFunction));
 }
 
@@ -211,12 +215,12 @@ void ZRX2DStickerResourceDownloader::forgetList(
     stopDownloadStikcerResource();
     return;
   }
-  // Attached but idle: detach without touching flags, queues or the log.
-  // The queues can hold entries only after a failed curl_multi_init; they
-  // index the released list and go with it.
+  // Attached but idle: no stop and no log line here. The queues (filled
+  // only after a failed curl_multi_init) stay until the stop that the next
+  // start of all stickers runs; nothing pops them meanwhile, since a
+  // single-sticker start finds no attached list.
   attachedList = nullptr;
-  downloadQueue.clear();
-  unzipQueue.clear();
+  releasedListAttached = true;
 }
 
 // ---------------------------------------------------------------------------

@@ -56,9 +56,12 @@ class ZRX2DStickerResourceDownloader {
   void stopDownloadStikcerResource();
 
   // Called before the manager releases `list`: if it is the attached list,
-  // the downloader lets go of it (a running pipeline through the ordinary
-  // stop, an idle attachment quietly), so no worker and no later
-  // startDownloadStickerResource touches released items.
+  // the downloader lets go of it, so no worker and no later
+  // startDownloadStickerResource touches released items. Running workers
+  // are stopped first (a guard for a host that parses during a run); an
+  // idle attachment is dropped without a stop or a log line, but still
+  // counts as attached for the next startDownloadAllStickerResource, whose
+  // stop then runs and logs as for any attached list.
   void forgetList(const ZRX2DStickerResList* list);
 
  private:
@@ -93,6 +96,11 @@ class ZRX2DStickerResourceDownloader {
 
   // Not owned. Set by startDownloadAllStickerResource, cleared by a stop.
   ZRX2DStickerResList* attachedList;
+  // A list was attached and the manager has released it while no worker
+  // ran (forgetList): attachedList is null, so nothing reaches the freed
+  // items, yet the downloader is not idle until the next stop. Host thread
+  // only.
+  bool releasedListAttached;
   // The one multi handle of a run; owned.
   CURLM* multiHandle;
   // In the system code page, separators as given.
