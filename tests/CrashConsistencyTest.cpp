@@ -150,10 +150,20 @@ TEST_F(CrashConsistencyTest, KilledInstallsEndAsACleanInstall) {
     ASSERT_EQ(stateOf(clean.path(), files), kComplete) << resId;
   const std::vector<std::string> cleanTree = listTree(clean.path());
 
-  // Ten rounds, fewer (never under five) if a slow build runs out of time.
+  // Ten rounds, fewer (never under five) if a slow build runs out of time;
+  // up to ten more while no kill has cut a transfer or an extraction yet (a
+  // loaded machine can let a short extraction end between two looks), and
+  // from the third round on, a kill aims at an extraction until one is cut.
   const auto budget = Clock::now() + std::chrono::seconds(50);
+  const auto extraBudget = Clock::now() + std::chrono::seconds(120);
   int rounds = 0, kills = 0, cutTransfers = 0, cutExtractions = 0, reports = 0;
-  for (; rounds < 10 && (rounds < 5 || Clock::now() < budget); ++rounds) {
+  const auto wantMore = [&] {
+    if (rounds < 5) return true;
+    if (rounds < 10 && Clock::now() < budget) return true;
+    return rounds < 20 && (cutTransfers == 0 || cutExtractions == 0) &&
+           Clock::now() < extraBudget;
+  };
+  for (; wantMore(); ++rounds) {
     SCOPED_TRACE("round " + std::to_string(rounds));
     TempDir dir;
     const auto checkReports = [&](const HostRun& host) {
@@ -169,7 +179,8 @@ TEST_F(CrashConsistencyTest, KilledInstallsEndAsACleanInstall) {
         if (stateOf(dir.path(), f) != kComplete) open.push_back(&f);
       if (open.empty()) break;
       const Files& s = *open[rng() % open.size()];
-      const bool extraction = rng() % 2;
+      const bool coin = rng() % 2;
+      const bool extraction = (rounds >= 2 && cutExtractions == 0) || coin;
       const std::string path = dir.path() + (extraction ? s.large : s.archive);
       const long long full = static_cast<long long>(
           extraction ? s.entries.at(s.large).size() : s.content.size());
