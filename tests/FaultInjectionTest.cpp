@@ -1,6 +1,7 @@
 // Faults of the disk, the network and the host, made for real against
 // loopback servers: each sticker ends with one report, nothing cut is left
 // that a later start would take for installed, and the host never hangs.
+#include <curl/curl.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -21,6 +22,18 @@ using FaultInjectionTest = StickerFixture;
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Whether libcurl's own CA store is on this machine: a minimal system comes
+// without one, and libcurl then fails a handshake it can't verify with 77
+// rather than 60. A libcurl that names no file uses the system's store.
+bool curlHasItsOwnStore() {
+  CURL* easy = curl_easy_init();
+  char* file = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_CAINFO, &file);
+  const bool present = file == nullptr || sizeOf(file) > 0;
+  curl_easy_cleanup(easy);
+  return present;
 }
 
 // A full disk, made by the process's file size limit with SIGXFSZ ignored
@@ -123,7 +136,9 @@ TEST_F(FaultInjectionTest, TlsAndNameFailuresEndTheStickerWithCurlCode) {
   }
   EXPECT_TRUE(holds(filePath("lower"), readFile(served / "t.bin")));
   EXPECT_EQ(finalOf("upper").kind, Kind::kSuccess);
-  EXPECT_EQ(finalOf("mixed").code, -100060);  // peer failed verification
+  // Neither store holds the test CA: the peer fails verification, or no
+  // store loads at all.
+  EXPECT_EQ(finalOf("mixed").code, curlHasItsOwnStore() ? -100060 : -100077);
   EXPECT_EQ(finalOf("untrusted").code, -100060);
   EXPECT_LT(finalOf("nottls").code, -100000);
   EXPECT_NE(finalOf("nottls").code, -100007);  // it did connect

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing zrx2dsticker needs.
 # Run as root (or with sudo available). Skips apt when all are present.
+# ca-certificates is libcurl's own CA store, which a minimal system lacks;
+# zrx-fetch's build links it beside the executable for https stickers.
 set -euo pipefail
 packages=(cmake g++ make pkg-config libcurl4-openssl-dev libminizip-dev
           rapidjson-dev zlib1g-dev libgtest-dev python3 openssl zip unzip
-          libarchive-tools binutils)
+          libarchive-tools binutils ca-certificates)
 if [ "${1:-}" = "--extra" ]; then
   shift
   packages+=("$@")
