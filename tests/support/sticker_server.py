@@ -8,10 +8,19 @@
 #   headers it collects across redirects is not what ends it)
 #   /slow/NAME?bps=N (trickled)  /stall/NAME (half, then silence)
 #   /drop/NAME (half, then the connection is closed)
+# and answers broken on the wire, each closed after what it sends:
+#   /badchunk/NAME (a chunk of half, then a size line that is no number)
+#   /cutchunk/NAME (chunked, cut inside the only chunk)
+#   /cuthead/status|length|bare (cut inside the status line, after a
+#   Content-Length line, or right after the status line)
+#   /nothttp (a banner that is no HTTP)  /reset/NAME (half, then a TCP reset)
+#   /long/NAME (all of it under a Content-Length of half)
+#   /gate/NAME?until=FILE (half, the rest once ROOT/FILE exists)
 import os
 import socket
 import socketserver
 import ssl
+import struct
 import sys
 import threading
 import time
@@ -82,8 +91,9 @@ class Handler(BaseHTTPRequestHandler):
             data = f.read()
         self.send_response(200)
         self.send_header("Content-Type", "application/octet-stream")
-        if length:
-            self.send_header("Content-Length", str(len(data)))
+        if length:  # True, or the length to declare
+            declared = len(data) if length is True else length
+            self.send_header("Content-Length", str(declared))
         else:
             self.send_header("Transfer-Encoding", "chunked")
         self.end_headers()
@@ -134,6 +144,53 @@ class Handler(BaseHTTPRequestHandler):
 
     def route_drop(self, name):
         self.route_stall(name, drop=True)
+
+    def cut(self, data):
+        self.close_connection = True
+        self.wfile.write(data)
+
+    def route_badchunk(self, name):
+        data = self.load(name, length=False)
+        if data is not None:
+            half = data[:len(data) // 2]
+            self.cut(b"%X\r\n%s\r\nZZ\r\n" % (len(half), half))
+
+    def route_cutchunk(self, name):
+        data = self.load(name, length=False)
+        if data is not None:
+            self.cut(b"%X\r\n%s" % (len(data), data[:len(data) // 2]))
+
+    def route_cuthead(self, kind):
+        self.cut({"status": b"HTTP/1.1 20",
+                  "length": b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n",
+                  "bare": b"HTTP/1.1 200 OK\r\n"}[kind])
+
+    def route_nothttp(self, _):
+        self.cut(b"SSH-2.0-OpenSSH_9.2p1\r\n")
+
+    def route_reset(self, name):
+        data = self.load(name)
+        if data is not None:
+            self.cut(data[:len(data) // 2])
+            # A close with a zero linger sends a reset instead of a FIN.
+            self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                       struct.pack("ii", 1, 0))
+            self.connection.close()
+
+    def route_long(self, name):
+        path = os.path.join(ROOT, unquote(name))
+        size = os.path.getsize(path) if os.path.isfile(path) else 0
+        self.cut(self.load(name, length=max(1, size // 2)) or b"")
+
+    def route_gate(self, name):
+        data = self.load(name)
+        if data is not None:
+            self.wfile.write(data[:len(data) // 2])
+            gate = os.path.join(ROOT, self.query["until"][0])
+            deadline = time.monotonic() + 120
+            while not os.path.exists(gate) and time.monotonic() < deadline:
+                time.sleep(0.01)
+            self.wfile.write(data[len(data) // 2:])
 
 
 server = Server(("127.0.0.1", 0), Handler)
