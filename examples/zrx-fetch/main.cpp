@@ -33,12 +33,9 @@
 #include "LoopbackServer.h"
 #include "Options.h"
 #include "Report.h"
+#include "zrx2dsticker/Version.h"
 #include "zrx2dsticker/ZRResourceDownloadManager.h"
 #include "zrx2dsticker/ZRXLog.h"
-
-#ifndef ZRX_FETCH_VERSION
-#define ZRX_FETCH_VERSION "0"
-#endif
 
 namespace {
 
@@ -208,7 +205,8 @@ bool fetchUrl(const std::string& url, long timeoutSeconds, std::string& text,
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &download);
   curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, abortOnSignal);
-  curl_easy_setopt(curl, CURLOPT_USERAGENT, "zrx-fetch/" ZRX_FETCH_VERSION);
+  curl_easy_setopt(curl, CURLOPT_USERAGENT,
+                   "zrx-fetch/" ZRX2DSTICKER_VERSION_STRING);
   const CURLcode result = curl_easy_perform(curl);
   if (result == CURLE_OK) {
     text = std::move(download.body);
@@ -513,7 +511,7 @@ int main(int argc, char** argv) {
   }
   if (options.version) {
     std::printf("zrx-fetch %s (zrx2dsticker %s, libcurl %s)\n",
-                ZRX_FETCH_VERSION, ZRX_FETCH_VERSION,
+                ZRX2DSTICKER_VERSION_STRING, ZRX2DSTICKER_VERSION_STRING,
                 curl_version_info(CURLVERSION_NOW)->version);
     return 0;
   }

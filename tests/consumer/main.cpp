@@ -1,4 +1,6 @@
-// Parses a two-sticker list through the installed library and prints it.
+// Parses a two-sticker list through the installed library and prints it,
+// after the version of the headers it was built against.
+#include <zrx2dsticker/Version.h>
 #include <zrx2dsticker/ZRResourceDownloadManager.h>
 
 #include <cstdio>
@@ -19,6 +21,7 @@ static int stateOf(ZRX2DStickerResItem* item) {
 }
 
 int main() {
+  std::printf("zrx2dsticker %s\n", ZRX2DSTICKER_VERSION_STRING);
   ZRXDisableLog();
   static char key[] = "consumer";
   setKey(key);
