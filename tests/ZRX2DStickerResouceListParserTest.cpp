@@ -204,7 +204,11 @@ TEST_F(ListParserTest, ParseErrorsGiveNullTheCodeAndTheErrorLine) {
       {"", 1}, {"[] x", 2}, {"\xEF\xBB\xBF[]", 3}, {"[1,]", 3}, {"[{1:2}]", 4},
       {R"([{"a" 1}])", 5}, {R"([{"a":1 "b":2}])", 6}, {"[1 2]", 7},
       {R"(["\u12G4"])", 8}, {R"(["\ud800x"])", 9}, {R"(["\q"])", 10},
-      {R"(["abc)", 11}, {"[1e400]", 13}, {"[1.]", 14}, {"[1e+]", 15}};
+      {R"(["abc)", 11}, {"[1e400]", 13}, {"[1.]", 14}, {"[1e+]", 15},
+      // Texts that end early, and a first token that can't open a value.
+      {"[", 3}, {"{", 4}, {R"({"a")", 5}, {R"({"a":)", 3}, {R"({"a":1)", 6},
+      {"[1", 7}, {"[1,", 3}, {R"({"a":1,})", 4}, {" ]", 3}, {"}", 3},
+      {"\t,[]", 3}, {":", 3}};
   // clang-format on
   for (const auto& c : cases) {
     LogCapture::instance().clear();
@@ -214,24 +218,34 @@ TEST_F(ListParserTest, ParseErrorsGiveNullTheCodeAndTheErrorLine) {
                                             std::to_string(c.second)}}));
   }
   ASSERT_NE(parse("[{}]"), nullptr);  // a good parse leaves the code
-  EXPECT_EQ(parser.lastError, 15);
+  EXPECT_EQ(parser.lastError, 3);
 }
 
-TEST_F(ListParserTest, NestingDeeperThanTheBoundIsAParseError) {
-  auto nested = [](unsigned depth) {
+TEST_F(ListParserTest, AnyNestingDepthParsesAsADocumentWould) {
+  auto nested = [](std::size_t depth) {
     return std::string(depth, '[') + std::string(depth, ']');
   };
-  ZRX2DStickerResList* list = parse(nested(zrx::kMaxJsonDepth));
+  ZRX2DStickerResList* list = parse(nested(200000));
   ASSERT_NE(list, nullptr);
   EXPECT_EQ(list->items.size(), 1u);
+  // A deep unknown member doesn't cost the list its items.
+  list = parse(R"([{"url":"abc","x":)" + nested(100000) + R"(},{"x":{"y":)" +
+               std::string(100000, '{') + "}]");
+  EXPECT_EQ(list, nullptr) << "unclosed objects are no JSON";
+  EXPECT_EQ(parser.lastError, 4);
+  list = parse(R"([{"x":)" + nested(100000) + R"(,"url":"abc"},7])");
+  ASSERT_NE(list, nullptr);
+  ASSERT_EQ(list->items.size(), 2u);
+  EXPECT_EQ(list->items[0]->url, "abc");
+  // Deep texts that end early fail with the code of the place they end.
   std::string objects = "[";
   for (int i = 0; i < 100000; ++i) objects += R"({"url":)";
-  for (const std::string& deep :
-       {nested(zrx::kMaxJsonDepth + 1), std::string(100000, '['), objects,
-        R"([{"url":"abc","x":)" + nested(200) + "}]"}) {
+  for (const auto& c : std::vector<std::pair<std::string, int>>{
+           {std::string(100000, '['), 3}, {objects, 3},
+           {objects + "1", 6}, {std::string(100000, '[') + "1", 7}}) {
     parser.lastError = 0;
-    EXPECT_EQ(parse(deep), nullptr);
-    EXPECT_EQ(parser.lastError, 16);
+    EXPECT_EQ(parse(c.first), nullptr);
+    EXPECT_EQ(parser.lastError, c.second) << c.first.substr(0, 20);
   }
 }
 

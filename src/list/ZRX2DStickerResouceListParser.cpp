@@ -17,6 +17,10 @@ namespace {
 constexpr const char* kFunctionName =
     "ZRX2DStickerResouceListParser::parseWithString";
 
+// Deepest nesting that the recursive reader may reach: it takes the parsing
+// thread's stack once a level, and the host's thread may have a small one.
+constexpr unsigned kRecursiveDepth = 64;
+
 using rapidjson::SizeType;
 
 // Length of a JSON string up to its first NUL: an escaped NUL ends the text.
@@ -71,18 +75,22 @@ class ListGuard {
 //   no string counts as missing, a "resId" that is no string or 64-bit
 //   integer reads "0", an "unzip_type" that is no 32-bit integer reads 0.
 // - A string ends at its first NUL.
-// Arrays and objects nested deeper than kMaxJsonDepth stop the parse with
-// kParseErrorTermination: the reader recurses once per level, so this bound
-// is what keeps a hostile list from overflowing the parsing thread's stack.
+// Any nesting depth is read (see parseWithString), never at a risk to the
+// parsing thread's stack.
 // Used on the parsing thread for one parse.
 class ListBuilder {
  public:
+  // `maxDepth` 0: any depth; else the events stop (the handler returns
+  // false) at the first array or object nested deeper, and tooDeep() says
+  // so.
   ListBuilder(ZRX2DStickerResList& list, Md5& digest,
-              ZRX2DStickerDownloadListener* listener, bool mayHoldNul)
+              ZRX2DStickerDownloadListener* listener, bool mayHoldNul,
+              unsigned maxDepth)
       : list_(list),
         digest_(digest),
         listener_(listener),
-        mayHoldNul_(mayHoldNul) {}
+        mayHoldNul_(mayHoldNul),
+        maxDepth_(maxDepth) {}
 
   bool Null() { return other(); }
   bool Bool(bool) { return other(); }
@@ -175,6 +183,7 @@ class ListBuilder {
   }
 
   bool rootIsArray() const { return rootIsArray_; }
+  bool tooDeep() const { return tooDeep_; }
 
  private:
   // Nesting depth of the values that the events are about.
@@ -186,7 +195,11 @@ class ListBuilder {
   // seen_ is of no use).
   enum class Member : unsigned { kNone, kResId, kUrl, kName, kUnzipType, kExt };
 
-  bool enter() { return ++depth_ <= zrx::kMaxJsonDepth; }
+  bool enter() {
+    if (++depth_ <= maxDepth_ || maxDepth_ == 0) return true;
+    tooDeep_ = true;
+    return false;
+  }
 
   // A value that is neither string nor number: an element of that kind, or
   // a member of that type.
@@ -273,6 +286,8 @@ class ListBuilder {
   Md5& digest_;
   ZRX2DStickerDownloadListener* listener_;
   const bool mayHoldNul_;
+  const unsigned maxDepth_;
+  bool tooDeep_ = false;
   unsigned depth_ = 0;
   bool rootIsArray_ = false;
   // The element object being read; null outside one.
@@ -296,14 +311,40 @@ ZRX2DStickerResList* ZRX2DStickerResouceListParser::parseWithString(
   // the default flags reads it. The text is this call's own copy, so the
   // reader decodes each string in place instead of into a stack of its own:
   // the same events and errors, one copy of every string fewer.
-  ListGuard list(new ZRX2DStickerResList());
-  // A NUL inside a string can only come from the escape \u0000.
+  //
+  // A list nests two levels. The recursive reader, the fastest, reads up to
+  // kRecursiveDepth levels; it takes the parsing thread's stack once a
+  // level, so a text that goes deeper is read again from the start by the
+  // iterative reader, which keeps its levels on a heap stack (8 bytes a
+  // level, linear in the text). The first pass decodes in place, so the
+  // second reads a copy taken before it, in a buffer kept for the next
+  // parse. The two readers give the same events and codes for every text
+  // that reaches the second pass: such a text opens with a bracket (a first
+  // token that can't open a value, where they differ, stops the first).
   const bool mayHoldNul = text.find("\\u0000") != std::string::npos;
-  ListBuilder builder(*list.get(), digestState, listener, mayHoldNul);
-  rapidjson::InsituStringStream stream(&text[0]);
+  const bool mayNestDeeper = text.size() > kRecursiveDepth;
+  if (mayNestDeeper) spareText.assign(text);
+
+  ListGuard list(new ZRX2DStickerResList());
+  bool rootIsArray = false;
   rapidjson::Reader reader;
-  const rapidjson::ParseResult result =
-      reader.Parse<rapidjson::kParseInsituFlag>(stream, builder);
+  rapidjson::ParseResult result;
+  {
+    ListBuilder builder(*list.get(), digestState, listener, mayHoldNul,
+                        kRecursiveDepth);
+    rapidjson::InsituStringStream stream(&text[0]);
+    result = reader.Parse<rapidjson::kParseInsituFlag>(stream, builder);
+    rootIsArray = builder.rootIsArray();
+    if (builder.tooDeep()) {
+      for (ZRX2DStickerResItem* item : list.get()->items) delete item;
+      list.get()->items.clear();
+      ListBuilder deep(*list.get(), digestState, listener, mayHoldNul, 0);
+      rapidjson::InsituStringStream deepStream(&spareText[0]);
+      result = reader.Parse<rapidjson::kParseInsituFlag |
+                            rapidjson::kParseIterativeFlag>(deepStream, deep);
+      rootIsArray = deep.rootIsArray();
+    }
+  }
   if (result.IsError()) {
     lastError = static_cast<int32_t>(result.Code());
     ZRX_LOG(6, "[%s:%d] sticker's resource json parse error=%d",
@@ -311,7 +352,7 @@ ZRX2DStickerResList* ZRX2DStickerResouceListParser::parseWithString(
     return nullptr;
   }
   // A root that is no array gives an empty list and no log line.
-  if (!builder.rootIsArray()) return list.release();
+  if (!rootIsArray) return list.release();
   ZRX_LOG(3, "[%s:%d] sticker's items num=%d", ZRX_AT(kFunctionName),
           static_cast<int>(list.get()->items.size()));
   return list.release();

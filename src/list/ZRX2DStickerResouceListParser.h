@@ -12,13 +12,6 @@
 #include "list/Md5.h"
 #include "zrx2dsticker/ZRResourceDownloadManager.h"
 
-namespace zrx {
-// Deepest nesting of JSON arrays and objects a list may have. A sticker list
-// needs 2; the bound keeps a hostile list from exhausting the parsing
-// thread's stack.
-constexpr unsigned kMaxJsonDepth = 64;
-}  // namespace zrx
-
 class ZRX2DStickerResouceListParser {
  public:
   ZRX2DStickerResouceListParser();
@@ -27,10 +20,11 @@ class ZRX2DStickerResouceListParser {
   // A new list with one new item per element of the JSON array `text`, in
   // array order; the caller owns the list and its items, and `listener` is
   // stored in each item. Null when the text (up to its first NUL byte) is
-  // not valid JSON: lastError then holds RapidJSON's ParseErrorCode, or
-  // kParseErrorTermination for a list nested deeper than kMaxJsonDepth. A
-  // root that is no array gives an empty list; an element that is no object
-  // gives the item of an empty object. Never fails for a single element.
+  // not valid JSON: lastError then holds RapidJSON's ParseErrorCode, the
+  // code Document::Parse with the default flags gives, at any nesting
+  // depth. A root that is no array gives an empty list; an element that is
+  // no object gives the item of an empty object. Never fails for a single
+  // element.
   ZRX2DStickerResList* parseWithString(std::string text,
                                        ZRX2DStickerDownloadListener* listener);
 
@@ -40,6 +34,9 @@ class ZRX2DStickerResouceListParser {
  private:
   // Scratch of one digest, set up anew for each item that needs one.
   Md5 digestState;
+  // A copy of the text for a second pass over a deeply nested one; kept
+  // between parses so that its room is reused.
+  std::string spareText;
 };
 
 #endif  // ZRX2DSTICKER_LIST_ZRX2DSTICKERRESOUCELISTPARSER_H_
