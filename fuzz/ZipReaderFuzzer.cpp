@@ -4,8 +4,9 @@
 // - nothing in the temp tree outside the target is created, written,
 //   removed or renamed while the reader runs (inotify watches the root and
 //   every level), and the target holds only files and directories. The
-//   target sits kClimbLevels directories deep, so a name short enough to be
-//   extracted can't climb out of the watched tree with "..";
+//   target sits deep enough (climbLevels) that no path the reader may write
+//   (at most zrx::kMaxPathLength bytes) climbs out of the watched tree with
+//   "..";
 // - every listed name is safe (non-empty, shorter than the name buffer, no
 //   NUL, not absolute, no ".." component);
 // - an archive holding an unsafe name among the entries the listing reads
@@ -49,6 +50,7 @@
 #include <vector>
 
 #include "archive/ZipReader.h"
+#include "names/NameRule.h"
 
 namespace {
 
@@ -58,9 +60,16 @@ constexpr uint64_t kMaxExtractedEntries = 4096;
 constexpr rlim_t kFileSizeLimit = rlim_t{64} << 20;
 // Deflate expands a byte into at most 1032.
 constexpr uint64_t kMaxInflateRatio = 1032;
-// A name that fits the reader's buffer has at most kZipNameBufferSize - 1
-// bytes, so it climbs at most this many levels ("../" per level).
-constexpr unsigned kClimbLevels = zrx::kZipNameBufferSize / 3;
+// Levels of "d" below `root` for the target: the reader writes no path past
+// kMaxPathLength bytes, so a name climbs at most (kMaxPathLength - length of
+// target - 1) / 3 levels ("../" a level); this many levels cover that, and
+// leave room for names of over a hundred bytes to be extracted.
+unsigned climbLevels(const std::string& root) {
+  // target = root + 2 bytes a level + "/out"; need 3 * levels >= rest.
+  const std::size_t fixed = root.size() + 4 + 1;
+  if (fixed >= zrx::kMaxPathLength) return 1;
+  return static_cast<unsigned>((zrx::kMaxPathLength - fixed) / 5 + 1);
+}
 
 void require(bool condition, const char* what, const std::string& detail) {
   if (condition) return;
@@ -72,7 +81,7 @@ void require(bool condition, const char* what, const std::string& detail) {
 void require(bool condition, const char* what) { require(condition, what, ""); }
 
 // The temp tree of this process: root/input.zip and the target
-// root/d/d/.../d/out, kClimbLevels "d" levels deep.
+// root/d/d/.../d/out, climbLevels(root) "d" levels deep.
 constexpr char kArchiveName[] = "input.zip";
 constexpr char kLevelName[] = "d";
 constexpr char kTargetName[] = "out";
@@ -219,24 +228,50 @@ int lowestFreeDescriptor() {
 }
 
 // Safe by the rules the reader promises, written apart from its own test:
-// not absolute ("/x", "\x", "C:x"), no ".." component on either separator.
+// not absolute, no backslash, and no component that is "..", holds a byte
+// below 0x20 or one of <>:"|?*, ends in '.' or ' ' (but for "."), is longer
+// than 255 bytes, or names a Win32 device (with or without an extension).
+bool isDeviceComponent(std::string component) {
+  component = component.substr(0, component.find('.'));
+  while (!component.empty() && component.back() == ' ') component.pop_back();
+  for (char& c : component) {
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+  }
+  static const std::set<std::string> kDevices = [] {
+    std::set<std::string> devices = {"CON", "PRN", "AUX", "NUL", "CONIN$",
+                                     "CONOUT$"};
+    for (const char* stem : {"COM", "LPT"}) {
+      for (char d = '1'; d <= '9'; ++d) devices.insert(std::string(stem) + d);
+      for (const char* sup : {"\xB9", "\xB2", "\xB3", "\xC2\xB9", "\xC2\xB2",
+                              "\xC2\xB3"}) {
+        devices.insert(std::string(stem) + sup);
+      }
+    }
+    return devices;
+  }();
+  return kDevices.count(component) != 0;
+}
+
 bool isSafeName(const std::string& name) {
   if (name.empty() || name.size() >= zrx::kZipNameBufferSize) return false;
   if (name.find('\0') != std::string::npos) return false;
-  if (name[0] == '/' || name[0] == '\\') return false;
-  const unsigned char first = static_cast<unsigned char>(name[0]);
-  if (name.size() >= 2 && name[1] == ':' &&
-      ((first >= 'a' && first <= 'z') || (first >= 'A' && first <= 'Z'))) {
-    return false;
-  }
-  std::string component;
-  for (std::size_t i = 0; i <= name.size(); ++i) {
-    if (i == name.size() || name[i] == '/' || name[i] == '\\') {
-      if (component == "..") return false;
-      component.clear();
-    } else {
-      component += name[i];
+  if (name[0] == '/' || name.find('\\') != std::string::npos) return false;
+  std::size_t start = 0;
+  while (start <= name.size()) {
+    std::size_t end = name.find('/', start);
+    if (end == std::string::npos) end = name.size();
+    const std::string component = name.substr(start, end - start);
+    start = end + 1;
+    if (component.empty() || component == ".") continue;
+    if (component == ".." || component.size() > 255) return false;
+    for (unsigned char c : component) {
+      if (c < 0x20 || std::string("<>:\"|?*").find(static_cast<char>(c)) !=
+                          std::string::npos) {
+        return false;
+      }
     }
+    if (component.back() == '.' || component.back() == ' ') return false;
+    if (isDeviceComponent(component)) return false;
   }
   return true;
 }
@@ -387,7 +422,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   require(gWatch >= 0, "inotify is available");
   std::string dir = gTree.root;
   watch(dir, 0);
-  for (unsigned level = 1; level <= kClimbLevels; ++level) {
+  const unsigned levels = climbLevels(gTree.root);
+  for (unsigned level = 1; level <= levels; ++level) {
     dir += std::string("/") + kLevelName;
     require(::mkdir(dir.c_str(), 0700) == 0, "the levels are made", dir);
     watch(dir, level);

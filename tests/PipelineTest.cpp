@@ -86,6 +86,45 @@ TEST_F(PipelineTest, FailuresReportOnceAndLeaveNoFileBehind) {
   EXPECT_FALSE(fileExists(downloads / "../escdir"));
 }
 
+// Names that would leave the download directory or that a Win32 file call
+// reads specially fail where their step fails, before anything is made or
+// opened, and the check at start never looks them up: what lies at such a
+// place (here made by hand) never counts as installed.
+TEST_F(PipelineTest, NamesTheRuleRefusesFailAndAreNeverInstalled) {
+  const std::string inner = downloads / "inner";
+  makeDirs(inner);
+  manager->ZRX_set2DStickerDownloadPath(inner);
+  makeArchive("pack.zip", {{"info.txt", "info"}});
+  const std::string url = server->url("/files/pack.zip");
+  // Installed-looking places: plain files under refused names, and a whole
+  // type 1 install beside the download directory.
+  writeFile(inner + "/c:cat.png", "x");
+  writeFile(inner + "/t.png.", "x");
+  makeDirs(downloads / "outside");
+  writeFile(downloads / "outside/outside.zip", readFile(served / "pack.zip"));
+  writeFile(downloads / "outside/info.txt", "info");
+  const std::vector<std::string> before = listTree(downloads.path());
+  parse({sticker("drive", url, "c:cat.png"), sticker("dot", url, "t.png."),
+         sticker("device", url, "con", ".png"),
+         sticker("stream", url, "x", ":s"),
+         sticker("backslash", url, "a\\\\b.png"),
+         sticker("long", url, std::string(300, 'n')),
+         sticker("stem", url, "x ", ".zip", 3),
+         sticker("devdir", url, "aux", ".zip", 1),
+         sticker("outside", url, "../outside", ".zip", 1)});
+  manager->ZRX_start2DStickerDownloadAllSticker();
+  ASSERT_TRUE(listener.waitForFinals(9));
+  ASSERT_TRUE(waitForLog("/../outside, make directory failed!"));
+  for (const char* resId :
+       {"drive", "dot", "device", "stream", "backslash", "long", "stem"}) {
+    EXPECT_EQ(finalOf(resId).code, -10003) << resId;
+  }
+  EXPECT_EQ(finalOf("devdir").code, -10001);
+  EXPECT_EQ(finalOf("outside").code, -10001);
+  EXPECT_FALSE(LogCapture::instance().contains("file exist!"));
+  EXPECT_EQ(listTree(downloads.path()), before);
+}
+
 // Every unpacking type, and the next start finds all installed without a
 // request.
 TEST_F(PipelineTest, ArchivesAreUnpackedAndASecondStartFetchesNothing) {

@@ -112,21 +112,25 @@ TEST_F(ZipReaderTest, ExtractsAndListsArchivesOfRealTools) {
 
 TEST_F(ZipReaderTest, NamesAsStoredDuplicatesAndDirectoryOrder) {
   const std::string archive = temp / "names.zip";
+  // Names that only resemble a device or a stripped ending are plain names.
   // clang-format off
   writeRawZip(archive, {{"b", "first b"}, {"a/", ""}, {"\xC3\xA9.png", "e"},
-                        {"a\\b.txt", "back"}, {"d\\", ""}, {"Z", "z"},
-                        {"a/x", "in a"}, {"b", "second b"}});
-  // Unsigned byte order ('/' < '\' < 'b' < 0xC3); the later duplicate's size.
+                        {"Z", "z"}, {"a/x", "in a"}, {"console.png", "c"},
+                        {"com10.txt", "c"}, {"lpt0", "l"}, {".hidden", "h"},
+                        {"a/./y.b.c", "y"}, {"b", "second b"}});
+  // Unsigned byte order; the later duplicate's size.
   EXPECT_EQ(listZipEntries(archive),
-            (zipEntryMap{{"Z", 1}, {"a/", 0}, {"a/x", 4}, {"a\\b.txt", 4},
-                         {"b", 8}, {"d\\", 0}, {"\xC3\xA9.png", 1}}));
+            (zipEntryMap{{".hidden", 1}, {"Z", 1}, {"a/", 0}, {"a/./y.b.c", 1},
+                         {"a/x", 4}, {"b", 8}, {"com10.txt", 1},
+                         {"console.png", 1}, {"lpt0", 1},
+                         {"\xC3\xA9.png", 1}}));
   // clang-format on
   const std::string target = freshDir("names");
   writeFile(target + "/b", std::string(5000, 'o'));  // overwritten whole
   ASSERT_TRUE(unzipToDirectory(archive, target));
-  // A backslash inside a name is a name byte, one at the end a directory.
   EXPECT_EQ(listTree(target),
-            (Tree{"Z", "a/", "a/x", "a\\b.txt", "b", "d\\/", "\xC3\xA9.png"}));
+            (Tree{".hidden", "Z", "a/", "a/x", "a/y.b.c", "b", "com10.txt",
+                  "console.png", "lpt0", "\xC3\xA9.png"}));
   EXPECT_EQ(readFile(target + "/b"), "second b");
   EXPECT_TRUE(unzipToDirectory(archive, target));  // existing directories do
 
@@ -196,25 +200,28 @@ TEST_F(ZipReaderTest, HostileArchivesFailAndWriteNothingOutsideTheTarget) {
         {archives + "/" + std::to_string(cases.size()), target, listing});
     return cases.back().archive;
   };
-  // Names that lead out, by either separator: the entries before are
-  // written, the listing is empty whatever came before.
+  // Names that lead out, by either separator, or that a Win32 file call
+  // reads as a device, a stream, a drive, a stripped ending or a path: the
+  // entries before are written, the listing is empty whatever came before.
   for (const std::string& name :
        Tree{"../escape.txt", "sub/../../escape.txt", "..\\escape.txt",
-            temp / "absolute.txt", "\\abs.txt", "C:abs.txt"}) {
+            temp / "absolute.txt", "\\abs.txt", "C:abs.txt", "con",
+            "NUL.png", "sub/com1.zip", "Aux/", "lpt9", "conin$", "CONOUT$.x",
+            "com\xC2\xB9", "prn .txt", "a.png:s", "t.png.", "t.png ", "dir./x",
+            "??.png", "a<b", "a|b", "a\"b", "a*", "tab\tname", "a\\b.txt",
+            "d\\", std::string(256, 'n')}) {
     writeRawZip(add({"ok.txt", "sub/"}, {}),
                 {{"ok.txt", "ok"}, {"sub/", ""}, {name, "evil"}});
   }
-  // A name has at most 511 bytes; a bad name ends the listing there.
-  const std::string d1 = std::string(250, 'p') + "/";
-  const std::string d2 = d1 + std::string(250, 'q') + "/";
-  const std::string longest = d2 + std::string(9, 'n');
-  writeRawZip(add({d1, d2, longest}, {{d1, 0}, {d2, 0}, {longest, 7}}),
-              {{d1, ""},
-               {d2, ""},
-               {longest, "7 bytes"},
-               {longest + "n", "x"},
-               {"after", "x"}});
+  // A name has at most 511 bytes; a bad name ends the listing there. A path
+  // past 259 bytes is listed, but never written.
   const zipEntryMap okOnly = {{"ok.txt", 2}};
+  writeRawZip(add({"ok.txt"}, okOnly),
+              {{"ok.txt", "ok"}, {std::string(512, 'p'), "x"}, {"b", "b"}});
+  const std::string d1 = std::string(120, 'p') + "/";
+  const std::string longest = d1 + std::string(140, 'q');
+  writeRawZip(add({"ok.txt", d1}, {{"ok.txt", 2}, {d1, 0}, {longest, 1}}),
+              {{"ok.txt", "ok"}, {d1, ""}, {longest, "x"}});
   writeRawZip(add({"ok.txt"}, okOnly),
               {{"ok.txt", "ok"}, {std::string("a\0/../../x.txt", 14), "x"}});
   writeRawZip(add({"ok.txt"}, okOnly),

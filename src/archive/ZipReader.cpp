@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "archive/PathSafety.h"
+#include "names/NameRule.h"
 #include "platform/Platform.h"
 
 // Written by the downloader on the host's thread, read here on any thread
@@ -335,7 +335,7 @@ class OpenEntry {
 enum class EntryName {
   kUsable,      // the name is whole, non-empty and stays below the target
   kUnreadable,  // no info, or a name we can't know or write as stored
-  kUnsafe,      // absolute, or has a ".." component
+  kUnsafe,      // refused by the name rule (see names/NameRule.h)
 };
 
 // Reads the info of the entry on which `archive` stands and its name, which
@@ -360,7 +360,7 @@ enum class EntryName {
     if (buffer[i] == '\0') return EntryName::kUnreadable;
   }
   if (length == 0) return EntryName::kUnreadable;
-  if (!zrx::staysInside(buffer, length)) return EntryName::kUnsafe;
+  if (!zrx::isSafeName(buffer, length)) return EntryName::kUnsafe;
   name.assign(buffer, length);
   return EntryName::kUsable;
 }
@@ -434,6 +434,8 @@ bool unzipCurrentEntry(unzFile archive, const char* targetDir) {
   // separator: '/' on POSIX, where a backslash is an ordinary file-name byte.
   // The name keeps its bytes, so a backslash inside it stays part of a name.
   const std::string path = std::string(targetDir) + "/" + name;
+  // A path too long for some platform's file calls is refused everywhere.
+  if (!zrx::fitsPathLimit(path)) return false;
 
   if (isDirectoryEntry(name)) {
     // One level only. A failure (it exists, or its parent is missing) leaves

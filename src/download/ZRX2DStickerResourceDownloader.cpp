@@ -8,12 +8,12 @@
 #include <set>
 #include <utility>
 
-#include "archive/PathSafety.h"
 #include "archive/ZipReader.h"
 #include "download/FailureCodes.h"
 #include "download/StickerPaths.h"
 #include "list/TextConversion.h"
 #include "log/LogStatement.h"
+#include "names/NameRule.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -63,6 +63,30 @@ void reportSuccess(ZRX2DStickerResItem* item) {
   std::lock_guard<std::mutex> lock(item->stateMutex);
   item->downloadState = 1;
   if (item->listener != nullptr) item->listener->onDownloadSuccess(item->resId);
+}
+
+// What the name rule says of an item's names: 0 when they may be used, else
+// the code of the step that would use them: -10001 for dirName (or a
+// directory path too long), -10003 for fileName (or, for unzipType 3, the
+// directory named after its stem, or a path too long). The installed check
+// and the download worker ask the same question, so a sticker that the
+// worker would refuse is never looked up, nor counted installed.
+int nameRuleFailure(const ZRX2DStickerResItem& item,
+                    const zrx::StickerPaths& paths) {
+  if (!zrx::isSafeName(item.dirName) || !zrx::fitsPathLimit(paths.stickerDir)) {
+    return zrx::kFailDirectory;
+  }
+  if (!zrx::isSafeName(item.fileName) ||
+      !zrx::fitsPathLimit(paths.stickerFilePath)) {
+    return zrx::kFailOpenFile;
+  }
+  if (item.unzipType == 3 &&
+      (!zrx::isSafeName(zrx::fileStemOf(item.fileName)) ||
+       !zrx::fitsPathLimit(zrx::extractDirFor(3, paths.stickerDir,
+                                              item.fileName)))) {
+    return zrx::kFailOpenFile;
+  }
+  return 0;
 }
 
 // True when the URL's scheme (the text before the first ':') is exactly
@@ -301,11 +325,12 @@ void ZRX2DStickerResourceDownloader::downloadOne(int32_t index) {
 
   const zrx::StickerPaths paths = zrx::StickerPaths::of(downloadPath, *item);
 
-  // Names from the list never lead out of the download path: such a
-  // sticker fails before anything is made.
-  const bool dirInside = zrx::staysInside(item->dirName);
-  if (!dirInside || (zrx::platform::pathAccess(paths.stickerDir) != 0 &&
-                     zrx::platform::makeDirectory(paths.stickerDir) != 0)) {
+  // Names that the name rule refuses fail the sticker before anything is
+  // made or opened.
+  const int nameFailure = nameRuleFailure(*item, paths);
+  if (nameFailure == zrx::kFailDirectory ||
+      (zrx::platform::pathAccess(paths.stickerDir) != 0 &&
+       zrx::platform::makeDirectory(paths.stickerDir) != 0)) {
     reportFailure(item, zrx::kFailDirectory);
     curl_easy_cleanup(easy);
     ZRX_LOG(6, "[%s:%d] (%d:%s) path=%s, make directory failed!",
@@ -322,9 +347,11 @@ void ZRX2DStickerResourceDownloader::downloadOne(int32_t index) {
     return;
   }
 
-  const bool fileInside = zrx::staysInside(item->fileName);
+  const bool fileAllowed = nameFailure == 0;
   std::FILE* file = nullptr;
-  if (fileInside) file = zrx::platform::openFile(paths.stickerFilePath, "wb+");
+  if (fileAllowed) {
+    file = zrx::platform::openFile(paths.stickerFilePath, "wb+");
+  }
   // Unbuffered: each chunk reaches the file in one write(2) inside fwrite,
   // where a 4 KiB stdio buffer split it in two and copied a part. A failed
   // write still shows in fwrite's result at the chunk where it happens, and
@@ -334,8 +361,8 @@ void ZRX2DStickerResourceDownloader::downloadOne(int32_t index) {
   if (file == nullptr) {
     reportFailure(item, zrx::kFailOpenFile);
     curl_easy_cleanup(easy);
-    // A path outside the download directory is never touched.
-    if (fileInside) (void)zrx::platform::removeFile(paths.stickerFilePath);
+    // A path that the name rule refuses is never touched.
+    if (fileAllowed) (void)zrx::platform::removeFile(paths.stickerFilePath);
     ZRX_LOG(6, "[%s:%d] open local file failed! (%d:%s) filePath=%s",
             ZRX_AT(kDownloadThreadFunction), index, item->url.c_str(),
             paths.stickerFilePath.c_str());
@@ -426,7 +453,10 @@ void ZRX2DStickerResourceDownloader::_checkStickerExistsOrNot() {
       const std::string lookIn =
           zrx::extractDirFor(item->unzipType, paths.stickerDir,
                              item->fileName);
-      if (_verifyStickerFiles(item->unzipType, paths.stickerFilePath,
+      // Names that the worker would refuse are not looked up at all: such
+      // a sticker is never installed, and fails in the worker.
+      if (nameRuleFailure(*item, paths) == 0 &&
+          _verifyStickerFiles(item->unzipType, paths.stickerFilePath,
                               lookIn)) {
         ZRX_LOG(6, "[%s:%d] file exist! unzip_type=%d, zipPath=(%s)",
                 ZRX_AT(kCheckFunction), item->unzipType,
@@ -457,7 +487,10 @@ bool ZRX2DStickerResourceDownloader::_verifyStickerFiles(
     // One stat answers both questions, whether the entry is there and its
     // size: an access(2) before it would look the path up a second time, for
     // each of an archive's entries.
-    const int64_t onDisk = zrx::platform::fileSize(entryPath);
+    // A path too long for the extraction to have written counts as absent.
+    const int64_t onDisk = zrx::fitsPathLimit(entryPath)
+                               ? zrx::platform::fileSize(entryPath)
+                               : -1;
     if (onDisk < 0) {
       ZRX_LOG(6, "[%s:%d] directory(%s) no exist!", ZRX_AT(kVerifyFunction),
               entryPath.c_str());
