@@ -39,13 +39,17 @@ std::string describeFailure(int code) {
     case -10000:
       return "cannot create a transfer handle";
     case -10001:
-      return "cannot create directory";
+      return "cannot create directory (its parent is missing, or the "
+             "list's name for it is refused)";
     case -10002:
       return "cannot configure the transfer";
     case -10003:
-      return "cannot open the local file";
+      return "cannot open the local file (or the list's name for it is "
+             "refused)";
     case -10004:
-      return "cannot unpack the archive";
+      return "cannot unpack the archive (not a zip, damaged, a refused "
+             "entry name, or a file whose directory has no entry before it: "
+             "make archives with zip -r)";
     case -10005:
       return "cannot start the transfer";
     case -10006:
