@@ -1,6 +1,9 @@
 #!/usr/bin/env python3
 """Regenerates the zip seeds of ZipReaderFuzzer in fuzz/corpus/zip/.
 
+The seeds are the *.zip files there; the inputs that fuzzing runs added
+(named by their SHA-1, no extension) are kept.
+
 Archives made by Info-ZIP zip (stored, deflated, directory entries, zip64,
 streamed with data descriptors) and by Python's zipfile, and hostile ones
 built or patched byte by byte. Timestamps, names and contents are fixed, so
@@ -12,7 +15,6 @@ a run gives the same bytes every time.
 import io
 import warnings
 import os
-import shutil
 import struct
 import subprocess
 import tempfile
@@ -94,9 +96,10 @@ def info_zip(workdir, args, files):
 
 
 def main():
-    if os.path.isdir(OUT):
-        shutil.rmtree(OUT)
-    os.makedirs(OUT)
+    os.makedirs(OUT, exist_ok=True)
+    for name in os.listdir(OUT):
+        if name.endswith(".zip"):
+            os.remove(os.path.join(OUT, name))
     text = b"sticker frame " * 40
     png = bytes(range(256)) * 3
 
