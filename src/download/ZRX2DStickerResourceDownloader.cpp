@@ -580,15 +580,10 @@ int ZRX2DStickerResourceDownloader::_curlPerform(CURL* easy,
         return -1;
       }
     }
-    fd_set readSet;
-    fd_set writeSet;
-    fd_set exceptSet;
-    FD_ZERO(&readSet);
-    FD_ZERO(&writeSet);
-    FD_ZERO(&exceptSet);
+    zrx::platform::DescriptorSets sets;
     int highest = -1;
     const CURLMcode fdsetResult = curl_multi_fdset(
-        multiHandle, &readSet, &writeSet, &exceptSet, &highest);
+        multiHandle, &sets.read, &sets.write, &sets.except, &highest);
     if (fdsetResult != CURLM_OK) {
       ZRX_LOG(6, "[%s:%d] (resId:%s) curl_multi_fdset error(%d)!",
               ZRX_AT(kPerformFunction), resId, static_cast<int>(fdsetResult));
@@ -597,12 +592,11 @@ int ZRX2DStickerResourceDownloader::_curlPerform(CURL* easy,
     int selected = 0;
     if (highest == -1) {
       // No descriptor to wait on (libcurl is between steps, or its socket
-      // lies beyond what a descriptor set can hold): pause, then drive it.
+      // doesn't fit a descriptor set): pause, then drive it.
       zrx::platform::sleepMilliseconds(kNoDescriptorPauseMilliseconds);
     } else {
-      selected = zrx::platform::selectDescriptors(
-          highest + 1, &readSet, &writeSet, &exceptSet, 0,
-          kSelectWaitMicroseconds);
+      selected = zrx::platform::waitOnDescriptors(highest, sets,
+                                                  kSelectWaitMicroseconds);
     }
     if (selected == -1) {
       // The next pass follows at once and tests the stop and the limit.

@@ -2,8 +2,9 @@
 //
 // Nothing else in src/ calls these OS services directly: each function here
 // has one meaning on every OS and returns our own results (errno never leaks
-// out). One source per OS implements it; CMake picks PlatformPosix.cpp here.
-// All functions are thread-safe and may be called from any thread.
+// out). One source per OS implements it and CMake picks it: PlatformPosix.cpp
+// or PlatformWin32.cpp. All functions are thread-safe and may be called from
+// any thread.
 #ifndef ZRX2DSTICKER_PLATFORM_PLATFORM_H_
 #define ZRX2DSTICKER_PLATFORM_PLATFORM_H_
 
@@ -12,6 +13,8 @@
 #include <cstdio>
 #include <string>
 
+// fd_set is what libcurl fills for a wait: winsock's on Windows (a count
+// and an array of sockets), the C library's bit mask elsewhere.
 #if defined(_WIN32)
 #include <winsock2.h>
 #else
@@ -54,10 +57,20 @@ void outputDebugString(const char* text);
 // Sleeps for `milliseconds`.
 void sleepMilliseconds(unsigned milliseconds);
 
-// Waits on the descriptor sets (any may be null) for at most the given time.
-// Returns the number of ready descriptors, 0 on time-out, -1 on error.
-int selectDescriptors(int highestPlusOne, fd_set* readSet, fd_set* writeSet,
-                      fd_set* exceptSet, long seconds, long microseconds);
+// The read, write and exception sets of one wait on libcurl's sockets, as
+// curl_multi_fdset fills them; all three start cleared.
+struct DescriptorSets {
+  DescriptorSets();
+  fd_set read;
+  fd_set write;
+  fd_set except;
+};
+
+// Waits until a socket of `sets` is ready or `microseconds` have passed.
+// `highest` is the highest descriptor in the sets, as curl_multi_fdset
+// reports it (not -1). Returns the number of ready sockets, 0 on time-out,
+// -1 on error.
+int waitOnDescriptors(int highest, DescriptorSets& sets, long microseconds);
 
 // The system's wall clock (not a monotonic clock), in whole milliseconds.
 int64_t wallClockMilliseconds();
@@ -79,6 +92,23 @@ int removeFile(const std::string& path);
 // Opens `path` with a stdio `mode` ("wb", "wb+", "rb", ...). The stream is
 // not inherited by child processes. Null on failure.
 std::FILE* openFile(const std::string& path, const char* mode);
+
+// Moves the stream of `file` to `offset` (64 bits, also past 2 GiB) from
+// `origin` (SEEK_SET, SEEK_CUR or SEEK_END). 0 on success, -1 otherwise.
+int seekFile(std::FILE* file, int64_t offset, int origin);
+
+// Position of the stream of `file`, or -1 when it can't be had.
+int64_t tellFile(std::FILE* file);
+
+// The last byte equal to `value` among the `length` bytes at `bytes`, or
+// null when there is none.
+const void* findLastByte(const void* bytes, unsigned char value,
+                         std::size_t length);
+
+// The one separator between the target directory of an extraction and the
+// name of a zip entry: a backslash on Windows, '/' on POSIX (where a
+// backslash is an ordinary byte of a file name).
+extern const char kEntryJoinSeparator;
 
 }  // namespace platform
 }  // namespace zrx

@@ -222,13 +222,18 @@ void sleepMilliseconds(unsigned milliseconds) {
   }
 }
 
-int selectDescriptors(int highestPlusOne, fd_set* readSet, fd_set* writeSet,
-                      fd_set* exceptSet, long seconds, long microseconds) {
+DescriptorSets::DescriptorSets() {
+  FD_ZERO(&read);
+  FD_ZERO(&write);
+  FD_ZERO(&except);
+}
+
+int waitOnDescriptors(int highest, DescriptorSets& sets, long microseconds) {
   struct timeval wait;
-  wait.tv_sec = seconds;
-  wait.tv_usec = microseconds;
+  wait.tv_sec = microseconds / 1000000;
+  wait.tv_usec = microseconds % 1000000;
   const int result =
-      ::select(highestPlusOne, readSet, writeSet, exceptSet, &wait);
+      ::select(highest + 1, &sets.read, &sets.write, &sets.except, &wait);
   return result < 0 ? -1 : result;
 }
 
@@ -264,6 +269,22 @@ std::FILE* openFile(const std::string& path, const char* mode) {
   withCloexec += 'e';
   return std::fopen(path.c_str(), withCloexec.c_str());
 }
+
+int seekFile(std::FILE* file, int64_t offset, int origin) {
+  return ::fseeko(file, static_cast<off_t>(offset), origin) == 0 ? 0 : -1;
+}
+
+int64_t tellFile(std::FILE* file) {
+  const off_t position = ::ftello(file);
+  return position < 0 ? -1 : static_cast<int64_t>(position);
+}
+
+const void* findLastByte(const void* bytes, unsigned char value,
+                         std::size_t length) {
+  return ::memrchr(bytes, value, length);
+}
+
+const char kEntryJoinSeparator = '/';
 
 }  // namespace platform
 }  // namespace zrx
