@@ -484,20 +484,25 @@ bool ZRX2DStickerResourceDownloader::_verifyStickerFiles(
     entryPath.assign(stickerDir);
     entryPath += '/';
     entryPath += entry.first;
-    // One stat answers both questions, whether the entry is there and its
-    // size: an access(2) before it would look the path up a second time, for
-    // each of an archive's entries.
-    // A path too long for the extraction to have written counts as absent.
-    const int64_t onDisk = zrx::fitsPathLimit(entryPath)
-                               ? zrx::platform::fileSize(entryPath)
-                               : -1;
+    // One look-up an entry: a directory entry is asked whether it exists,
+    // a file entry for its size, which answers both questions. A directory
+    // is never asked for a size: Windows' _stat64 fails on a name that ends
+    // in a separator. A path too long for the extraction to have written
+    // counts as absent.
+    const char last = entryPath.back();
+    const bool directory = last == '\\' || last == '/';
+    int64_t onDisk = -1;
+    if (zrx::fitsPathLimit(entryPath)) {
+      onDisk = directory
+                   ? (zrx::platform::pathAccess(entryPath) == 0 ? 0 : -1)
+                   : zrx::platform::fileSize(entryPath);
+    }
     if (onDisk < 0) {
       ZRX_LOG(6, "[%s:%d] directory(%s) no exist!", ZRX_AT(kVerifyFunction),
               entryPath.c_str());
       return false;
     }
-    const char last = entryPath.back();
-    if (last == '\\' || last == '/') continue;  // a directory entry
+    if (directory) continue;
     const auto listed = static_cast<long long>(entry.second);
     if (onDisk != listed) {
       ZRX_LOG(6, "[%s:%d] file(%s) size not match[%lld:%lld]!",
