@@ -1,19 +1,14 @@
 #include "LoopbackServer.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <utility>
 #include <vector>
+
+#include "Os.h"
 
 namespace {
 
@@ -27,19 +22,16 @@ constexpr int kStopPollMs = 100;
 constexpr int kPaceTickMs = 50;
 constexpr std::size_t kUnpacedChunk = 64 * 1024;
 
-// Closes a descriptor when it goes out of scope.
-class Descriptor {
+// Closes a socket when it goes out of scope.
+class SocketOwner {
  public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
+  explicit SocketOwner(os::Socket socket) : socket_(socket) {}
+  ~SocketOwner() { os::closeSocket(socket_); }
+  SocketOwner(const SocketOwner&) = delete;
+  SocketOwner& operator=(const SocketOwner&) = delete;
 
  private:
-  int fd_;
+  os::Socket socket_;
 };
 
 int hexValue(char c) {
@@ -103,27 +95,9 @@ LoopbackServer::LoopbackServer(std::string root, int64_t bytesPerSecond)
 LoopbackServer::~LoopbackServer() { stop(); }
 
 bool LoopbackServer::start(int port, std::string& error) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    error = std::strerror(errno);
-    return false;
-  }
-  const int on = 1;
-  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  socklen_t length = sizeof(address);
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-      ::listen(fd, 16) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    error = std::strerror(errno);
-    ::close(fd);
-    return false;
-  }
-  listener_ = fd;
-  port_ = ntohs(address.sin_port);
+  const os::Socket listener = os::listenOnLoopback(port, port_, error);
+  if (listener == os::kNoSocket) return false;
+  listener_ = listener;
   stopping_ = false;
   thread_ = std::thread(&LoopbackServer::serve, this);
   return true;
@@ -132,9 +106,9 @@ bool LoopbackServer::start(int port, std::string& error) {
 void LoopbackServer::stop() {
   stopping_ = true;
   if (thread_.joinable()) thread_.join();
-  if (listener_ >= 0) {
-    ::close(listener_);
-    listener_ = -1;
+  if (listener_ != os::kNoSocket) {
+    os::closeSocket(listener_);
+    listener_ = os::kNoSocket;
   }
 }
 
@@ -142,37 +116,36 @@ std::string LoopbackServer::baseUrl() const {
   return "http://127.0.0.1:" + std::to_string(port_);
 }
 
-bool LoopbackServer::waitFor(int fd, short events, int timeoutMs) {
+bool LoopbackServer::waitFor(os::Socket socket, bool forWrite,
+                             int timeoutMs) {
   for (int waited = 0; waited < timeoutMs; waited += kStopPollMs) {
     if (stopping_) return false;
-    pollfd entry{fd, events, 0};
-    const int ready = ::poll(&entry, 1, kStopPollMs);
+    const int ready = os::waitOnSocket(socket, forWrite, kStopPollMs);
     if (ready > 0) return true;
-    if (ready < 0 && errno != EINTR) return false;
+    if (ready < 0) return false;
   }
   return false;
 }
 
 void LoopbackServer::serve() {
   while (!stopping_) {
-    pollfd entry{listener_, POLLIN, 0};
-    if (::poll(&entry, 1, kStopPollMs) <= 0) continue;
-    const int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (connection < 0) continue;
-    Descriptor owner(connection);
+    if (os::waitOnSocket(listener_, false, kStopPollMs) <= 0) continue;
+    const os::Socket connection = os::acceptConnection(listener_);
+    if (connection == os::kNoSocket) continue;
+    SocketOwner owner(connection);
     answer(connection);
   }
 }
 
-void LoopbackServer::answer(int connection) {
+void LoopbackServer::answer(os::Socket connection) {
   std::string request;
   char buffer[4096];
   while (request.find("\r\n\r\n") == std::string::npos) {
     if (request.size() > kMaxRequestHead ||
-        !waitFor(connection, POLLIN, kRequestTimeoutMs)) {
+        !waitFor(connection, false, kRequestTimeoutMs)) {
       return;
     }
-    const ssize_t got = ::recv(connection, buffer, sizeof(buffer), 0);
+    const long got = os::receiveSome(connection, buffer, sizeof(buffer));
     if (got <= 0) return;
     request.append(buffer, static_cast<std::size_t>(got));
   }
@@ -199,19 +172,21 @@ void LoopbackServer::answer(int connection) {
   if (method != "GET" && method != "HEAD") return refuse("405 Not Allowed");
   if (path.empty()) return refuse("400 Bad Request");
 
-  Descriptor file(::open((root_ + path).c_str(), O_RDONLY | O_CLOEXEC));
-  struct stat info;
-  if (file.get() < 0 || ::fstat(file.get(), &info) != 0 ||
-      !S_ISREG(info.st_mode)) {
-    return refuse("404 Not Found");
-  }
+  const std::string filePath = root_ + path;
+  std::error_code error;
+  const bool regular = std::filesystem::is_regular_file(filePath, error);
+  const auto size = regular ? std::filesystem::file_size(filePath, error) : 0;
+  std::ifstream file;
+  if (regular && !error) file.open(filePath, std::ios::binary);
+  if (!file.is_open()) return refuse("404 Not Found");
   const std::string reply =
-      head("200 OK", contentType(path), static_cast<int64_t>(info.st_size));
+      head("200 OK", contentType(path), static_cast<int64_t>(size));
   if (!sendAll(connection, reply.data(), reply.size(), false)) return;
   if (method == "HEAD") return;
   std::vector<char> chunk(kUnpacedChunk);
   for (;;) {
-    const ssize_t got = ::read(file.get(), chunk.data(), chunk.size());
+    file.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+    const std::streamsize got = file.gcount();
     if (got <= 0) return;
     if (!sendAll(connection, chunk.data(), static_cast<std::size_t>(got),
                  bytesPerSecond_ > 0)) {
@@ -220,8 +195,8 @@ void LoopbackServer::answer(int connection) {
   }
 }
 
-bool LoopbackServer::sendAll(int connection, const char* data, std::size_t size,
-                             bool paced) {
+bool LoopbackServer::sendAll(os::Socket connection, const char* data,
+                             std::size_t size, bool paced) {
   const std::size_t slice = paced
                                 ? static_cast<std::size_t>(std::max<int64_t>(
                                       1, bytesPerSecond_ * kPaceTickMs / 1000))
@@ -234,9 +209,8 @@ bool LoopbackServer::sendAll(int connection, const char* data, std::size_t size,
     }
     std::size_t toSend = std::min(size, slice);
     while (toSend > 0) {
-      if (!waitFor(connection, POLLOUT, kRequestTimeoutMs)) return false;
-      const ssize_t sent = ::send(connection, data, toSend, MSG_NOSIGNAL);
-      if (sent < 0 && errno == EINTR) continue;
+      if (!waitFor(connection, true, kRequestTimeoutMs)) return false;
+      const long sent = os::sendSome(connection, data, toSend);
       if (sent <= 0) return false;
       data += sent;
       size -= static_cast<std::size_t>(sent);

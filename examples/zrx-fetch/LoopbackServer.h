@@ -14,6 +14,8 @@
 #include <string>
 #include <thread>
 
+#include "Os.h"
+
 class LoopbackServer {
  public:
   // Serves the files below `root`. `bytesPerSecond` > 0 paces every response
@@ -38,17 +40,18 @@ class LoopbackServer {
 
  private:
   void serve();
-  void answer(int connection);
+  void answer(os::Socket connection);
   // Sends all of `data`, pacing it when a rate is set. False when the peer
   // went away or a stop came.
-  bool sendAll(int connection, const char* data, std::size_t size, bool paced);
-  // Waits until `fd` is ready for `events` or a stop comes; false on a stop
-  // or after `timeoutMs`.
-  bool waitFor(int fd, short events, int timeoutMs);
+  bool sendAll(os::Socket connection, const char* data, std::size_t size,
+               bool paced);
+  // Waits until `socket` can be read (or written, with `forWrite`) or a
+  // stop comes; false on a stop, an error or after `timeoutMs`.
+  bool waitFor(os::Socket socket, bool forWrite, int timeoutMs);
 
   const std::string root_;
   const int64_t bytesPerSecond_;
-  int listener_ = -1;
+  os::Socket listener_ = os::kNoSocket;
   int port_ = 0;
   std::thread thread_;
   // Written by stop() on the owner's thread, read by the serving thread.

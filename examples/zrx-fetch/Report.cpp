@@ -1,13 +1,13 @@
 #include "Report.h"
 
 #include <curl/curl.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <set>
 #include <utility>
+
+#include "Os.h"
 
 namespace {
 
@@ -81,11 +81,8 @@ Console::Console(bool terminal, bool quiet, bool color, std::FILE* errors)
     : terminal_(terminal), quiet_(quiet), color_(color), errors_(errors) {}
 
 int Console::width() const {
-  winsize size{};
-  if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 10) {
-    return size.ws_col;
-  }
-  return 80;
+  const int columns = os::terminalColumns();
+  return columns > 10 ? columns : 80;
 }
 
 void Console::clearLocked() {

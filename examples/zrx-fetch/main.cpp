@@ -10,13 +10,10 @@
 // already installed, on the main thread inside the start; they only record
 // and print (Report.h). Manager operations happen on the main thread only.
 #include <curl/curl.h>
-#include <fcntl.h>
-#include <pthread.h>
-#include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,6 +29,7 @@
 
 #include "LoopbackServer.h"
 #include "Options.h"
+#include "Os.h"
 #include "Report.h"
 #include "zrx2dsticker/Version.h"
 #include "zrx2dsticker/ZRResourceDownloadManager.h"
@@ -47,41 +45,6 @@ constexpr std::size_t kMaxListSize = 64 * 1024 * 1024;
 constexpr long kListFetchSeconds = 60;
 // How often the waiting main thread looks for a Ctrl-C.
 constexpr std::chrono::milliseconds kSignalPoll(100);
-
-// The signal that interrupted the run, 0 while none came. Written by the
-// handler (on whichever thread takes the signal), read by the main thread.
-volatile std::sig_atomic_t gSignal = 0;
-
-extern "C" void onSignal(int signal) { gSignal = signal; }
-
-void installSignalHandlers() {
-  struct sigaction action {};
-  action.sa_handler = onSignal;
-  sigemptyset(&action.sa_mask);
-  // A second Ctrl-C while the stop is under way ends the process at once.
-  action.sa_flags = SA_RESETHAND;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-}
-
-// Keeps SIGINT and SIGTERM away from the threads started in its scope (they
-// inherit the mask), so that the main thread takes them.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &set, &previous_);
-  }
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t previous_;
-};
 
 // The console that the library's log lines go to with --log-level; null
 // before and after.
@@ -126,21 +89,21 @@ const char* describeParseError(int code) {
 
 bool startsWithNoCase(const std::string& text, const char* prefix) {
   const std::size_t n = std::strlen(prefix);
-  return text.size() >= n && strncasecmp(text.c_str(), prefix, n) == 0;
-}
-
-std::string directoryOfExecutable() {
-  std::error_code error;
-  const std::filesystem::path self =
-      std::filesystem::read_symlink("/proc/self/exe", error);
-  return error ? std::string() : self.parent_path().string();
+  if (text.size() < n) return false;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (std::tolower(static_cast<unsigned char>(text[i])) !=
+        std::tolower(static_cast<unsigned char>(prefix[i]))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 // The sample catalogue: beside an installed zrx-fetch, then in the source
 // tree the binary was built from, then at the configured install prefix.
 std::string findCatalogue() {
   std::vector<std::string> candidates;
-  const std::string exeDir = directoryOfExecutable();
+  const std::string exeDir = os::executableDirectory();
 #ifdef ZRX_FETCH_RELATIVE_CATALOG
   if (!exeDir.empty()) {
     candidates.push_back(exeDir + "/" + ZRX_FETCH_RELATIVE_CATALOG);
@@ -181,7 +144,7 @@ extern "C" size_t collectBody(char* data, size_t size, size_t count,
 
 extern "C" int abortOnSignal(void*, curl_off_t, curl_off_t, curl_off_t,
                              curl_off_t) {
-  return gSignal != 0 ? 1 : 0;
+  return os::interruptSignal() != 0 ? 1 : 0;
 }
 
 bool fetchUrl(const std::string& url, long timeoutSeconds, std::string& text,
@@ -319,7 +282,7 @@ int run(const Options& options, Console& console) {
                 options.timeoutSeconds > 0 ? options.timeoutSeconds
                                            : kListFetchSeconds,
                 text, error)) {
-    if (gSignal != 0) return 128 + gSignal;
+    if (os::interruptSignal() != 0) return 128 + os::interruptSignal();
     console.error("cannot read the list " + source + ": " + error);
     return kExitUsage;
   }
@@ -337,7 +300,7 @@ int run(const Options& options, Console& console) {
   std::unique_ptr<LoopbackServer> server;
   if (!serveDir.empty()) {
     server = std::make_unique<LoopbackServer>(serveDir, rate);
-    SignalsBlocked blocked;
+    os::InterruptsBlocked blocked;
     if (!server->start(options.servePort, error)) {
       if (options.servePort == 0 || !server->start(0, error)) {
         console.error("cannot serve " + serveDir + " on 127.0.0.1: " + error);
@@ -357,15 +320,11 @@ int run(const Options& options, Console& console) {
   // log file; zrx-fetch's own messages still reach the terminal through the
   // console's saved copy of standard error.
   const std::string logPath = logPathFor(options.dir);
-  const int logFd =
-      ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  const bool logged = logFd >= 0;
-  if (logged) {
-    ::dup2(logFd, STDERR_FILENO);
-    ::close(logFd);
-  } else {
-    console.error("cannot write the log " + logPath + ": " +
-                  std::strerror(errno) + "; it goes to standard error");
+  std::string logError;
+  const bool logged = os::redirectStandardError(logPath, logError);
+  if (!logged) {
+    console.error("cannot write the log " + logPath + ": " + logError +
+                  "; it goes to standard error");
   }
   if (options.logLevelGiven) {
     gLogConsole = &console;
@@ -444,7 +403,7 @@ int run(const Options& options, Console& console) {
   }
 
   {
-    SignalsBlocked blocked;
+    os::InterruptsBlocked blocked;
     if (options.onlyGiven) {
       // The single-sticker start needs an attached list, which only the
       // start of all stickers makes. The item has no listener yet, so that
@@ -468,9 +427,9 @@ int run(const Options& options, Console& console) {
 
   // The library has no signal for the end of a run: the report counts the
   // final calls. Meanwhile, a Ctrl-C is noticed here, never in the handler.
-  while (!report.waitForEnd(kSignalPoll) && gSignal == 0) {
+  while (!report.waitForEnd(kSignalPoll) && os::interruptSignal() == 0) {
   }
-  const int signal = gSignal;
+  const int signal = os::interruptSignal();
   // Ends the workers; a transfer in progress is abandoned and its partial
   // file removed. No listener call follows.
   manager.ZRX_stop2DStickerDownloadSticker();
@@ -516,15 +475,13 @@ int main(int argc, char** argv) {
     return 0;
   }
 
-  installSignalHandlers();
+  os::installInterruptHandlers();
   // zrx-fetch's own messages keep going to the original standard error
-  // after fd 2 has been pointed at the log file.
-  std::FILE* errors = nullptr;
-  const int savedStderr = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-  if (savedStderr >= 0) errors = ::fdopen(savedStderr, "w");
+  // after it has been pointed at the log file.
+  std::FILE* errors = os::duplicateStandardError();
   if (errors == nullptr) errors = stderr;
 
-  const bool terminal = ::isatty(STDOUT_FILENO) == 1;
+  const bool terminal = os::standardOutputIsTerminal();
   const char* term = std::getenv("TERM");
   const bool color = terminal && std::getenv("NO_COLOR") == nullptr &&
                      !(term != nullptr && std::strcmp(term, "dumb") == 0);
