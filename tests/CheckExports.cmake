@@ -1,8 +1,36 @@
-# Fails when the shared library exports a symbol that is not public API.
-execute_process(COMMAND nm -DC --defined-only ${LIBRARY}
-                OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
-if(NOT rc EQUAL 0)
-  message(FATAL_ERROR "nm failed on ${LIBRARY}")
+# Fails when the shared library exports a symbol that is not public API, or
+# lacks one. A DLL's export table is read with OBJDUMP and its names
+# demangled with CXXFILT (mingw-w64 mangles as on other systems), so both
+# kinds of library are held against the same lists.
+if(LIBRARY MATCHES "\\.dll$")
+  execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY}
+                  OUTPUT_VARIABLE dump RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "objdump failed on ${LIBRARY}")
+  endif()
+  # The names follow the "[Ordinal/Name Pointer] Table" line, one a line
+  # as "[   n] name", up to an empty line.
+  string(REGEX MATCH "\\[Ordinal/Name Pointer\\] Table[^\n]*\n([^\n]+\n)*"
+         table "${dump}")
+  string(REGEX MATCHALL "\\[ *[0-9]+\\] [^\n]+" entries "${table}")
+  set(mangled "")
+  foreach(entry IN LISTS entries)
+    string(REGEX REPLACE "^\\[ *[0-9]+\\] " "" entry "${entry}")
+    string(APPEND mangled "${entry}\n")
+  endforeach()
+  file(WRITE ${LIBRARY}.exports.txt "${mangled}")
+  execute_process(COMMAND ${CXXFILT}
+                  INPUT_FILE ${LIBRARY}.exports.txt
+                  OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0 OR symbols STREQUAL "")
+    message(FATAL_ERROR "no exports read from ${LIBRARY}")
+  endif()
+else()
+  execute_process(COMMAND nm -DC --defined-only ${LIBRARY}
+                  OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "nm failed on ${LIBRARY}")
+  endif()
 endif()
 string(REPLACE "\n" ";" lines "${symbols}")
 set(bad "")
