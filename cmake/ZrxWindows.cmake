@@ -50,7 +50,8 @@ if(MINGW)
     endif()
     list(APPEND ZRX_RUNTIME_DLLS "${zrx_curl_dll_found}")
   endif()
-  install(FILES ${ZRX_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES ${ZRX_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR}
+          COMPONENT Runtime)
   # Where the runtime lies, for running the build's programs in place.
   set(ZRX_RUNTIME_DIRS "")
   foreach(dll IN LISTS ZRX_RUNTIME_DLLS)
@@ -59,3 +60,25 @@ if(MINGW)
   endforeach()
   list(REMOVE_DUPLICATES ZRX_RUNTIME_DIRS)
 endif()
+
+# A target `name` that copies the runtime DLLs (and, with WITH_LIBRARY,
+# zrx2dsticker.dll) into `dir`, so that the programs built there run in
+# place.
+function(zrx_runtime_into name dir)
+  cmake_parse_arguments(arg "WITH_LIBRARY" "" "" ${ARGN})
+  set(files ${ZRX_RUNTIME_DLLS})
+  if(arg_WITH_LIBRARY)
+    list(APPEND files $<TARGET_FILE:zrx2dsticker>)
+  endif()
+  if(files)
+    add_custom_target(${name}
+      COMMAND ${CMAKE_COMMAND} -E make_directory ${dir}
+      COMMAND ${CMAKE_COMMAND} -E copy_if_different ${files} ${dir}
+      VERBATIM)
+  else()
+    add_custom_target(${name})
+  endif()
+  if(arg_WITH_LIBRARY)
+    add_dependencies(${name} zrx2dsticker)
+  endif()
+endfunction()

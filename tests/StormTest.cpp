@@ -4,10 +4,9 @@
 // watchdog aborts when an operation does not return; the listeners check
 // that no call comes after a stop, parse or destruction has returned and
 // that a start gets at most one final call per sticker.
-#include <signal.h>
-#include <unistd.h>
-
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <thread>
@@ -17,8 +16,6 @@
 
 namespace zrxtest {
 namespace {
-
-std::atomic<const char*> gOperation{""};
 
 class StormListener : public ZRX2DStickerDownloadListener {
  public:
@@ -82,17 +79,17 @@ TEST_F(StormTest, RandomStopsAndStartsNeverHangNorBreakTheListenerRules) {
   });
   // An operation that has not returned within a minute aborts the process
   // with its name: a deadlock must not hang the suite.
-  signal(SIGALRM, [](int) {
-    (void)!::write(2, gOperation.load(), std::strlen(gOperation.load()));
+  Watchdog watchdog([](const char* what) {
+    std::fputs(what, stderr);
+    std::fflush(stderr);
     std::abort();
   });
   bool hasList = false, attached = false;
   const auto guarded = [&](const char* what, const std::function<void()>& op,
                            bool settles = true) {
-    gOperation = what;
-    ::alarm(60);
+    watchdog.arm(what, std::chrono::seconds(60));
     op();
-    ::alarm(0);
+    watchdog.disarm();
     if (!settles) return;
     StormListener::quiet = true;
     attached = false;
@@ -159,7 +156,6 @@ TEST_F(StormTest, RandomStopsAndStartsNeverHangNorBreakTheListenerRules) {
     guarded("storm: destruction hangs\n", [&] { manager.reset(); });
     LogCapture::instance().clear();
   }
-  signal(SIGALRM, SIG_DFL);
   std::printf("storm (seed %u): %d sequences; listener calls: %ld progress, "
               "%ld final; violations: %zu\n",
               seed, sequences, StormListener::progressCalls.load(),

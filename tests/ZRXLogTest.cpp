@@ -1,9 +1,11 @@
 // The log facility's process-wide state belongs to this executable alone.
-#include <fcntl.h>
 #include <gtest/gtest.h>
+#ifndef _WIN32
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 #include <future>
 #include <memory>
@@ -32,18 +34,10 @@ void record(int level, const char* tag, const char* message, const char* key) {
 }
 void unexpected(int, const char*, const char*, const char*) { ADD_FAILURE(); }
 
-// What reaches fd 2, the debug channel, while `body` runs.
+// What reaches the debug channel while `body` runs.
 template <typename Body>
 std::string debugChannel(Body body) {
-  TempDir dir;
-  const int saved = ::dup(STDERR_FILENO);
-  const int file = ::open((dir / "fd2").c_str(), O_WRONLY | O_CREAT, 0600);
-  ::dup2(file, STDERR_FILENO);
-  ::close(file);
-  body();
-  ::dup2(saved, STDERR_FILENO);
-  ::close(saved);
-  return readFile(dir / "fd2");
+  return captureDebugChannel(body);
 }
 
 bool gStateTouched = false;
@@ -205,6 +199,11 @@ TEST_F(ZRXLogTest, LockIsHeldPerMessageAndGivenBackOnAnException) {
 // as they were. Each case runs in a child process (this test's process has
 // one thread when it forks), which an alarm ends if logging hangs.
 TEST(ZRXLogDebugChannel, BrokenOrFullStandardErrorNeverHurtsTheHost) {
+#ifdef _WIN32
+  GTEST_SKIP() << "POSIX only: on Windows the debug channel is "
+                  "OutputDebugString, which has no pipe that can break or "
+                  "fill and no SIGPIPE";
+#else
   enum Channel { kNoReader, kFullNonBlocking, kFullBlocking };
   for (Channel channel : {kNoReader, kFullNonBlocking, kFullBlocking}) {
     SCOPED_TRACE(channel);
@@ -252,6 +251,7 @@ TEST(ZRXLogDebugChannel, BrokenOrFullStandardErrorNeverHurtsTheHost) {
       EXPECT_EQ(WEXITSTATUS(status), 0);
     }
   }
+#endif
 }
 
 }  // namespace

@@ -11,7 +11,8 @@ namespace zrxtest {
 namespace {
 
 // The build puts zrx-fetch in examples/ beside tests/.
-const std::string kFetch = executableDir() + "/../examples/zrx-fetch";
+const std::string kFetch =
+    executableDir() + "/../examples/zrx-fetch" + kExecutableSuffix;
 
 struct Outcome {
   int status;
@@ -31,7 +32,7 @@ Outcome fetch(const TempDir& cwd, const std::string& args,
   writeFile(cwd / "stdin", input);
   const int status =
       run("cd " + shellQuote(cwd.path()) + " && timeout " + limit + " " +
-          shellQuote(kFetch) + " " + args + " <stdin >stdout 2>stderr");
+          programCommand(kFetch) + " " + args + " <stdin >stdout 2>stderr");
   return {status, readFile(cwd / "stdout"), readFile(cwd / "stderr")};
 }
 

@@ -1,16 +1,7 @@
 #include "support/TestServer.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/file.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -18,11 +9,12 @@ namespace zrxtest {
 
 namespace {
 
-// A CA and a certificate for 127.0.0.1 signed by it, in `dir`.
+// A CA and a certificate for 127.0.0.1 and localhost signed by it, in
+// `dir`.
 void makeTlsMaterial(const TempDir& dir) {
   const std::string key =
       " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
-  writeFile(dir / "server.ext", "subjectAltName = IP:127.0.0.1\n");
+  writeFile(dir / "server.ext", "subjectAltName = IP:127.0.0.1, DNS:localhost\n");
   const std::string script =
       "(cd " + shellQuote(dir.path()) + " && openssl req -x509 -days 30" + key +
       " -subj '/CN=zrx test CA' -keyout ca.key -out ca.crt && openssl req "
@@ -60,21 +52,20 @@ TestServer::TestServer(const std::string& root, bool tls) : tls_(tls) {
     command += " " + shellQuote(dir_ / "server.crt") + " " +
                shellQuote(dir_ / "server.key");
   }
-  out_ = ::popen(command.c_str(), "re");
-  if (out_ == nullptr || std::fscanf(out_, "PORT %d %d", &port_, &pid_) != 2) {
-    if (out_ != nullptr) ::pclose(out_);
+  process_ = std::make_unique<ShellProcess>(command);
+  int pid = 0;
+  if (std::sscanf(process_->firstLine().c_str(), "PORT %d %d", &port_,
+                  &pid) != 2) {
     throw std::runtime_error("the test server did not start");
   }
 }
 
-TestServer::~TestServer() {
-  ::kill(pid_, SIGTERM);
-  ::pclose(out_);
-}
+TestServer::~TestServer() = default;
 
 std::string TestServer::url(const std::string& target) const {
-  return std::string(tls_ ? "https" : "http") +
-         "://127.0.0.1:" + std::to_string(port_) + target;
+  return std::string(tls_ ? "https://" : "http://") +
+         (tls_ ? kTlsHost : "127.0.0.1") + ":" + std::to_string(port_) +
+         target;
 }
 
 int TestServer::requestCount(const std::string& target) const {
@@ -89,39 +80,24 @@ int TestServer::connectionCount() const {
   return countLines(dir_ / "requests.log", "+");
 }
 
-int TestServer::closedPort() {
-  const int sock = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  const bool ok =
-      sock >= 0 &&
-      ::bind(sock, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-      ::getsockname(sock, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-  ::close(sock);
-  if (!ok) throw std::runtime_error("no free loopback port");
-  return ntohs(address.sin_port);
-}
+int TestServer::closedPort() { return freeLoopbackPort(); }
 
 CaBundleInstall::CaBundleInstall(const std::string& caCert)
     : dir_(executableDir() + "/cacerts"),
-      lockFd_(::open((executableDir() + "/.cacerts.lock").c_str(),
-                     O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
-  while (::flock(lockFd_, LOCK_EX) != 0 && errno == EINTR) {
-  }
+      lock_(executableDir() + "/.cacerts.lock") {
+  std::error_code ignored;
   // Under the lock, a bundle found here was left by a process that died.
-  ::unlink((dir_ + "/ca-certificates.crt").c_str());
+  std::filesystem::remove(dir_ + "/ca-certificates.crt", ignored);
   if (!caCert.empty()) {
-    ::mkdir(dir_.c_str(), 0755);
+    std::filesystem::create_directory(dir_, ignored);
     writeFile(dir_ + "/ca-certificates.crt", readFile(caCert));
   }
 }
 
 CaBundleInstall::~CaBundleInstall() {
-  ::unlink((dir_ + "/ca-certificates.crt").c_str());
-  ::rmdir(dir_.c_str());
-  ::close(lockFd_);
+  std::error_code ignored;
+  std::filesystem::remove(dir_ + "/ca-certificates.crt", ignored);
+  std::filesystem::remove(dir_, ignored);
 }
 
 }  // namespace zrxtest

@@ -4,7 +4,7 @@
 #ifndef ZRX2DSTICKER_TESTS_SUPPORT_TESTSERVER_H_
 #define ZRX2DSTICKER_TESTS_SUPPORT_TESTSERVER_H_
 
-#include <cstdio>
+#include <memory>
 #include <string>
 
 #include "support/TestSupport.h"
@@ -14,15 +14,16 @@ namespace zrxtest {
 class TestServer {
  public:
   // Serves the files below `root`. With `tls` it presents a certificate for
-  // 127.0.0.1 signed by a fresh CA of its own (caCert). Throws
-  // std::runtime_error when it cannot start.
+  // 127.0.0.1 and localhost signed by a fresh CA of its own (caCert).
+  // Throws std::runtime_error when it cannot start.
   explicit TestServer(const std::string& root, bool tls = false);
   ~TestServer();
   TestServer(const TestServer&) = delete;
   TestServer& operator=(const TestServer&) = delete;
 
   int port() const { return port_; }
-  // "http://127.0.0.1:PORT" (or https) followed by `target`.
+  // "http://127.0.0.1:PORT" (or "https://" kTlsHost ":PORT") followed by
+  // `target`.
   std::string url(const std::string& target) const;
   std::string caCert() const { return dir_ / "ca.crt"; }
 
@@ -38,8 +39,7 @@ class TestServer {
  private:
   TempDir dir_;
   bool tls_;
-  std::FILE* out_ = nullptr;  // the server's stdout
-  int pid_ = 0;
+  std::unique_ptr<ShellProcess> process_;
   int port_ = 0;
 };
 
@@ -56,7 +56,7 @@ class CaBundleInstall {
 
  private:
   std::string dir_;
-  int lockFd_;
+  FileLock lock_;
 };
 
 }  // namespace zrxtest

@@ -1,8 +1,5 @@
 #include "support/TestSupport.h"
 
-#include <sys/stat.h>
-#include <sys/wait.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -15,33 +12,6 @@
 #include "zrx2dsticker/ZRXLog.h"
 
 namespace zrxtest {
-
-TempDir::TempDir() {
-  const char* base = std::getenv("TMPDIR");
-  std::string pattern =
-      std::string(base && *base ? base : "/tmp") + "/zrx2dsticker-test-XXXXXX";
-  if (::mkdtemp(pattern.data()) == nullptr) {
-    throw std::runtime_error("mkdtemp failed");
-  }
-  path_ = pattern;
-}
-
-TempDir::~TempDir() {
-  // Make everything writable again (tests chmod directories) and remove it.
-  run("chmod -R u+rwx " + shellQuote(path_) + " 2>/dev/null; rm -rf " +
-      shellQuote(path_));
-}
-
-bool fileExists(const std::string& path) {
-  struct stat info;
-  return ::lstat(path.c_str(), &info) == 0;
-}
-
-long long sizeOf(const std::string& path) {
-  struct stat info;
-  if (::stat(path.c_str(), &info) != 0) return -1;
-  return static_cast<long long>(info.st_size);
-}
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -63,24 +33,11 @@ std::vector<std::string> listTree(const std::string& root) {
   std::error_code error;
   for (const auto& entry :
        std::filesystem::recursive_directory_iterator(root, error)) {
-    out.push_back(entry.path().lexically_relative(root).string() +
+    out.push_back(entry.path().lexically_relative(root).generic_string() +
                   (entry.is_directory() ? "/" : ""));
   }
   std::sort(out.begin(), out.end());
   return out;
-}
-
-int run(const std::string& command) {
-  const int status = std::system(command.c_str());
-  if (status == -1 || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
-std::string shellQuote(const std::string& text) {
-  std::string out = "'";
-  for (char c : text)
-    out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return out + "'";
 }
 
 bool waitUntil(const std::function<bool()>& condition,
@@ -93,8 +50,45 @@ bool waitUntil(const std::function<bool()>& condition,
   return true;
 }
 
-std::string executableDir() {
-  return std::filesystem::read_symlink("/proc/self/exe").parent_path();
+Watchdog::Watchdog(std::function<void(const char*)> onExpiry)
+    : onExpiry_(std::move(onExpiry)), thread_(&Watchdog::watch, this) {}
+
+Watchdog::~Watchdog() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ending_ = true;
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+void Watchdog::arm(const char* what, std::chrono::seconds limit) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    what_ = what;
+    deadline_ = std::chrono::steady_clock::now() + limit;
+  }
+  changed_.notify_all();
+}
+
+void Watchdog::disarm() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  what_ = nullptr;
+}
+
+void Watchdog::watch() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!ending_) {
+    if (what_ == nullptr) {
+      changed_.wait(lock);
+    } else if (changed_.wait_until(lock, deadline_) ==
+                   std::cv_status::timeout &&
+               what_ != nullptr &&
+               std::chrono::steady_clock::now() >= deadline_) {
+      onExpiry_(what_);
+      what_ = nullptr;
+    }
+  }
 }
 
 LogCapture::LogCapture() { ZRXRegisterLogBaseManager(&LogCapture::callback); }

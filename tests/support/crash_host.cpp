@@ -1,14 +1,13 @@
 // The host that CrashConsistencyTest kills: it installs the stickers of a
 // catalogue into a directory, as an application does at its start.
 // Usage: crash_host DOWNLOAD_DIR CATALOGUE_FILE
-// On stdout, "PID <pid>" and then one line per event, each in a single
-// write(2) so that a kill never leaves half a line: "OK <resId>" (installed
-// already or now), "FAILED <resId> <code>", "UNZIPPING" (an extraction
-// begins). Exit status: 0 when every sticker succeeded, 1 otherwise.
-#include <unistd.h>
-
+// On stdout one line per event, each flushed on its own so that a kill
+// never leaves half a line: "OK <resId>" (installed already or now),
+// "FAILED <resId> <code>", "UNZIPPING" (an extraction begins). Exit status:
+// 0 when every sticker succeeded, 1 otherwise.
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -20,9 +19,13 @@
 
 namespace {
 
+std::mutex gEmitMutex;
+
 void emit(const std::string& line) {
   const std::string text = line + "\n";
-  (void)!::write(STDOUT_FILENO, text.data(), text.size());
+  std::lock_guard<std::mutex> lock(gEmitMutex);
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
 }
 
 class HostListener : public ZRX2DStickerDownloadListener {
@@ -49,7 +52,6 @@ class HostListener : public ZRX2DStickerDownloadListener {
 
 int main(int argc, char** argv) {
   if (argc != 3) return 1;
-  emit("PID " + std::to_string(::getpid()));
   std::ifstream in(argv[2], std::ios::binary);
   std::ostringstream catalogue;
   catalogue << in.rdbuf();

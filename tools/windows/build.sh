@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Cross-builds zrx2dsticker for 64-bit Windows with mingw-w64: the
-# dependencies (tools/windows/deps.sh, cached), then the DLL and
+# dependencies (tools/windows/deps.sh, cached), then the DLL, its tests and
 # the example hosts in build-win64/, installed into build-win64/install.
 # Run from anywhere as root on Debian 12; `bash tests/run-windows.sh` then
 # runs the tests under Wine.
@@ -16,7 +16,7 @@ cmake -S . -B "$build" \
   -DCMAKE_TOOLCHAIN_FILE="$root/tools/windows/mingw-w64-x86_64.cmake" \
   -DZRX_WIN64_PREFIX="$prefix" \
   -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-RelWithDebInfo}" \
-  -DZRX_BUILD_TESTS=OFF -DZRX_BUILD_EXAMPLES=ON -DZRX_WERROR=ON >/dev/null
+  -DZRX_BUILD_TESTS=ON -DZRX_BUILD_EXAMPLES=ON -DZRX_WERROR=ON >/dev/null
 cmake --build "$build" -j"$jobs"
 rm -rf "$build/install"
 cmake --install "$build" --prefix "$build/install" >/dev/null
