@@ -25,6 +25,11 @@ if(ZRX_WIN64_PREFIX)
   set(ENV{PKG_CONFIG_LIBDIR} "${ZRX_WIN64_PREFIX}/lib/pkgconfig")
   set(ENV{PKG_CONFIG_SYSROOT_DIR} "")
 endif()
+# The prefixes a project names in CMAKE_PREFIX_PATH (an installed
+# zrx2dsticker, say) hold Windows files too: they are searched as roots.
+foreach(zrx_prefix IN LISTS CMAKE_PREFIX_PATH)
+  list(APPEND CMAKE_FIND_ROOT_PATH "${zrx_prefix}")
+endforeach()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
