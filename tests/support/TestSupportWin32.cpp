@@ -115,10 +115,12 @@ std::string jsonMember(const std::string& reply, const std::string& name) {
 // open) and the reply line in `reply`.
 SOCKET askAgent(const std::string& request, std::string& reply) {
   startWinsock();
-  const std::string state = readFile(executableDir() + "/host-agent.port");
-  if (state.empty()) {
+  // "PORT TOKEN", written by the agent for its owner alone.
+  const std::string state = readFile(executableDir() + "/host-agent.state");
+  const std::size_t space = state.find(' ');
+  if (state.empty() || space == std::string::npos) {
     throw std::runtime_error(
-        "no host agent (host-agent.port beside the tests): run the tests "
+        "no host agent (host-agent.state beside the tests): run the tests "
         "with ctest, which starts it");
   }
   const SOCKET sock = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
@@ -132,7 +134,13 @@ SOCKET askAgent(const std::string& request, std::string& reply) {
     if (sock != INVALID_SOCKET) ::closesocket(sock);
     throw std::runtime_error("cannot reach the host agent");
   }
-  const std::string line = request + "\n";
+  std::string token = state.substr(space + 1);
+  while (!token.empty() && (token.back() == '\n' || token.back() == '\r')) {
+    token.pop_back();
+  }
+  // The request's object gets the token as its first member.
+  const std::string line =
+      "{\"token\": " + jsonString(token) + ", " + request.substr(1) + "\n";
   for (std::size_t sent = 0; sent < line.size();) {
     const int n = ::send(sock, line.data() + sent,
                          static_cast<int>(line.size() - sent), 0);

@@ -4,10 +4,13 @@
 # which runs on 127.0.0.1 for a whole ctest run.
 #
 #   host_agent.py start STATE   start the agent in the background; STATE
-#                               (a file) receives its port once it listens
+#                               (a file only its owner reads) receives its
+#                               port and a token once it listens
 #   host_agent.py stop STATE    end it, and every process it started
 #
-# One request a connection, a JSON line each way:
+# One request a connection, a JSON line each way; each request carries the
+# token ("token": T), so that no other user of the machine can run commands
+# through the agent:
 #   {"op": "run", "cmd": C}     /bin/sh -c C, answered {"status": N} when it
 #                               has ended (N: its exit status, -1 if killed)
 #   {"op": "spawn", "cmd": C}   /bin/sh -c C in a session of its own,
@@ -17,8 +20,10 @@
 #   {"op": "quit"}              the agent ends
 # It ends on its own after an hour without a connection, so that an
 # interrupted ctest run leaves nothing behind for long.
+import hmac
 import json
 import os
+import secrets
 import signal
 import socket
 import socketserver
@@ -28,6 +33,7 @@ import threading
 import time
 
 IDLE_LIMIT = 3600
+TOKEN = secrets.token_hex(16)
 
 children = set()
 children_lock = threading.Lock()
@@ -56,6 +62,8 @@ class Handler(socketserver.StreamRequestHandler):
         last_seen = time.monotonic()
         line = self.rfile.readline().decode("utf-8", "surrogateescape")
         request = json.loads(line or "{}")
+        if not hmac.compare_digest(str(request.get("token", "")), TOKEN):
+            return
         op = request.get("op")
         if op == "run":
             status = subprocess.call(["/bin/sh", "-c", request["cmd"]])
@@ -98,8 +106,9 @@ def serve(state):
         server.shutdown()
 
     threading.Thread(target=watch_idle, daemon=True).start()
-    with open(state + ".tmp", "w") as f:
-        f.write("%d\n" % server.server_address[1])
+    fd = os.open(state + ".tmp", os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600)
+    with os.fdopen(fd, "w") as f:
+        f.write("%d %s\n" % (server.server_address[1], TOKEN))
     os.replace(state + ".tmp", state)
     try:
         server.serve_forever()
@@ -130,9 +139,11 @@ def start(state):
 def stop(state):
     try:
         with open(state) as f:
-            port = int(f.read())
-        with socket.create_connection(("127.0.0.1", port), timeout=30) as s:
-            s.sendall(b'{"op": "quit"}\n')
+            port, token = f.read().split()
+        with socket.create_connection(("127.0.0.1", int(port)),
+                                      timeout=30) as s:
+            s.sendall(json.dumps({"op": "quit", "token": token}).encode() +
+                      b"\n")
             s.recv(64)
     except (OSError, ValueError):
         # No agent answers: the state was left by one that died.
