@@ -12,6 +12,15 @@ prefix="$(bash tools/windows/deps.sh | tail -n 1)"
 build="${BUILD_DIR:-build-win64}"
 jobs="$(nproc)"
 [ "$jobs" -gt 2 ] && jobs=2
+# A build tree made against another prefix holds that prefix's paths in its
+# cache (pkg-config's among them): it starts afresh.
+stamp="$build/.win64-deps-prefix"
+if [ -f "$build/CMakeCache.txt" ] &&
+   [ "$(cat "$stamp" 2>/dev/null)" != "$prefix" ]; then
+  rm -rf "$build/CMakeCache.txt" "$build/CMakeFiles"
+fi
+mkdir -p "$build"
+echo "$prefix" >"$stamp"
 cmake -S . -B "$build" \
   -DCMAKE_TOOLCHAIN_FILE="$root/tools/windows/mingw-w64-x86_64.cmake" \
   -DZRX_WIN64_PREFIX="$prefix" \
