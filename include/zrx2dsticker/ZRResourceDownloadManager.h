@@ -6,11 +6,19 @@
 /// Failure codes passed to ZRX2DStickerDownloadListener::onDownloadFailed:
 /// - -10000: the transfer handle could not be created
 /// - -10001: the sticker's directory neither exists nor can be made (also:
-///   the list's names would place it outside the download directory)
+///   the name rule refuses the list's name for it)
 /// - -10002: configuring the transfer failed
-/// - -10003: the local file can't be opened (also: it would lie outside the
-///   download directory)
-/// - -10004: unpacking the archive failed, or was interrupted by a stop
+/// - -10003: the local file can't be opened (also: the name rule refuses the
+///   list's name for it, or for a type 3 sticker's extraction directory)
+/// - -10004: unpacking the archive failed (also: an entry name the name rule
+///   refuses), or was interrupted by a stop
+///
+/// The name rule, the same on every platform: no absolute name, backslash
+/// or ".." component; no component with a control character or one of
+/// < > : | ? * or a double quote, ending in a dot or a blank, naming a
+/// Windows device (con, NUL.png, com1.zip, aux, lpt9, conin$ ...), or
+/// longer than 255 bytes; no path longer than 259 bytes. A sticker whose
+/// names it refuses is never counted installed.
 /// - -10005: the transfer could not be started
 /// - -10006: the transfer passed the sticker's time limit
 /// - -100000 - N: libcurl ended the transfer with CURLcode N (-100007: could
