@@ -191,7 +191,7 @@ void watch(const std::string& dir, unsigned level) {
                                         : "/d{" + std::to_string(level) + "}");
 }
 
-// The changes queued since the last call, as "directory/name".
+// The changes queued since the last call, as "directory/name mask".
 std::vector<std::string> takeChanges() {
   std::vector<std::string> changes;
   alignas(inotify_event) char buffer[16 * 1024];
@@ -206,8 +206,10 @@ std::vector<std::string> takeChanges() {
       if ((event->mask & IN_Q_OVERFLOW) != 0) {
         changes.push_back("(changes lost: queue overflow)");
       } else {
+        char mask[16];
+        std::snprintf(mask, sizeof mask, " 0x%x", event->mask);
         changes.push_back(gWatched[event->wd] + "/" +
-                          (event->len != 0 ? event->name : ""));
+                          (event->len != 0 ? event->name : "") + mask);
       }
       at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
     }
@@ -567,8 +569,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   }
 
   const std::vector<std::string> changes = takeChanges();
-  require(changes.empty(), "nothing changes outside the target",
-          changes.empty() ? "" : changes.front());
+  std::string allChanges;
+  for (const std::string& change : changes) allChanges += change + "; ";
+  require(changes.empty(), "nothing changes outside the target", allChanges);
   const TargetContents walk = walkTarget();
 
   if (central.unsafe || central.prefixed) {
