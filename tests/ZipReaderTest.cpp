@@ -148,6 +148,28 @@ TEST_F(ZipReaderTest, NamesAsStoredDuplicatesAndDirectoryOrder) {
   EXPECT_EQ(listTree(temp / "orphan"), Tree{"z.txt"});
 }
 
+// Entry names in code page 932's bytes, as Japanese archivers store them.
+// At 932 the trail bytes that equal '|' ("ポ" is 83 7C) and '\\' ("表" is
+// 95 5C) belong to their characters, and the entries extract under their
+// names. Read byte by byte (POSIX, 1252) they are a '|' and a backslash,
+// and the archive is refused at its first entry.
+TEST_F(ZipReaderTest, DoubleByteNamesAreReadAsTheCodePageReadsThem) {
+  const std::string archive = temp / "cp932.zip";
+  writeRawZip(archive, {{"\x83\x7C/", ""}, {"\x83\x7C/\x95\x5C.png", "hyo"}});
+  const std::string target = freshDir("cp932");
+  if (narrowCodePage() == 932) {
+    EXPECT_TRUE(unzipToDirectory(archive, target));
+    EXPECT_EQ(listZipEntries(archive),
+              (zipEntryMap{{"\x83\x7C/", 0}, {"\x83\x7C/\x95\x5C.png", 3}}));
+    EXPECT_EQ(listTree(target),
+              (Tree{"\xE3\x83\x9D/", "\xE3\x83\x9D/\xE8\xA1\xA8.png"}));
+  } else {
+    EXPECT_FALSE(unzipToDirectory(archive, target));
+    EXPECT_TRUE(listZipEntries(archive).empty());
+    EXPECT_TRUE(listTree(target).empty());
+  }
+}
+
 TEST_F(ZipReaderTest, StopFlag) {
   const std::string empty = temp / "empty.zip";  // the end record alone
   writeRawZip(empty, {});

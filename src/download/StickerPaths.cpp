@@ -37,7 +37,15 @@ std::string executableDirectory() {
   char buffer[platform::kModuleFileNameSize] = {};
   platform::moduleFileName(buffer, sizeof(buffer));
   std::string name(buffer);
-  const std::string::size_type cut = name.find_last_of("\\/");
+  // The last separator character; in a double-byte code page a trail byte
+  // may equal '\\' (the name comes in the ANSI code page).
+  std::string::size_type cut = std::string::npos;
+  for (std::size_t i = 0; i < name.size();) {
+    const std::size_t size =
+        platform::narrowCharacterLength(name.data() + i, name.size() - i);
+    if (size == 1 && (name[i] == '\\' || name[i] == '/')) cut = i;
+    i += size;
+  }
   if (cut != std::string::npos) name.resize(cut);
   return name;
 }

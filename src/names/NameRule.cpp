@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "platform/Platform.h"
+
 namespace zrx {
 
 namespace {
@@ -57,9 +59,17 @@ bool isSafeComponent(const char* component, std::size_t length) {
   if (length > kMaxNameComponentLength) return false;
   if (length == 1 && component[0] == '.') return true;
   if (length == 2 && component[0] == '.' && component[1] == '.') return false;
-  for (std::size_t i = 0; i < length; ++i) {
+  // Character by character as the file system reads the name: the trail
+  // byte of a double-byte character may equal '\\' or '|' and is neither.
+  // Every other byte refused here lies below any trail byte.
+  for (std::size_t i = 0; i < length;) {
+    const std::size_t size =
+        platform::narrowCharacterLength(component + i, length - i);
     const unsigned char c = static_cast<unsigned char>(component[i]);
-    if (c < 0x20 || std::strchr("<>:\"|?*", c) != nullptr) return false;
+    if (size == 1 && (c < 0x20 || std::strchr("<>:\"|?*\\", c) != nullptr)) {
+      return false;
+    }
+    i += size;
   }
   const char last = component[length - 1];
   if (last == '.' || last == ' ') return false;
@@ -71,7 +81,7 @@ bool isSafeComponent(const char* component, std::size_t length) {
 bool isSafeName(const char* name, std::size_t length) {
   if (length == 0) return true;
   if (name[0] == '/') return false;
-  if (std::memchr(name, '\\', length) != nullptr) return false;
+  // '/' is never a trail byte, so components split byte by byte.
   std::size_t start = 0;
   for (std::size_t i = 0; i <= length; ++i) {
     if (i == length || name[i] == '/') {

@@ -27,7 +27,9 @@ constexpr std::size_t kMaxPathLength = 259;
 constexpr std::size_t kMaxNameComponentLength = 255;
 
 // True when `name` (`length` bytes, in the bytes that reach the file
-// system) may be joined below a directory. Refused:
+// system, read character by character as it reads them: a double-byte
+// code page's trail byte is no '\\' or '|') may be joined below a
+// directory. Refused:
 // - an absolute name ("/x") and any backslash (a separator on Windows, a
 //   plain byte elsewhere, so it can't mean one thing everywhere);
 // - a ".." component;

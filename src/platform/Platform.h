@@ -47,6 +47,19 @@ int multiByteToWide(const char* source, int sourceLength, char16_t* target,
 int wideToMultiByte(const char16_t* source, int sourceLength, char* target,
                     int targetSize);
 
+// The lowest trail byte of any double-byte code page (932, 936, 949, 950):
+// the bytes below it, separators, dots and control characters among them,
+// are always characters of their own.
+constexpr unsigned char kLowestTrailByte = 0x40;
+
+// Bytes of the character that begins at `text` (`remaining` > 0 bytes left)
+// as the file system reads a narrow name: 2 for a lead byte of the ANSI
+// code page followed by a trail byte (kLowestTrailByte or above), else 1.
+// Always 1 on POSIX, where no byte of a UTF-8 sequence is ASCII. Lets a
+// scan for '\\' or '|' skip the trail bytes of code page 932 that equal
+// them ("表" is 95 5C).
+std::size_t narrowCharacterLength(const char* text, std::size_t remaining);
+
 // Writes zero-terminated `text` to the platform's debug channel (stderr on
 // POSIX) in one system call, without allocating. Best effort, and harmless
 // to the host: a closed or broken channel drops the text without a signal

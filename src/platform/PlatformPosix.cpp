@@ -187,6 +187,11 @@ void writeWithoutSigpipe(const char* text, std::size_t len) {
 
 }  // namespace
 
+std::size_t narrowCharacterLength(const char* /*text*/,
+                                  std::size_t /*remaining*/) {
+  return 1;
+}
+
 void outputDebugString(const char* text) {
   if (text == nullptr) return;
   const std::size_t len = std::strlen(text);

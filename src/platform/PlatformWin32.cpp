@@ -57,6 +57,14 @@ int wideToMultiByte(const char16_t* source, int sourceLength, char* target,
                                nullptr);
 }
 
+std::size_t narrowCharacterLength(const char* text, std::size_t remaining) {
+  if (remaining >= 2 && ::IsDBCSLeadByte(static_cast<BYTE>(text[0])) &&
+      static_cast<unsigned char>(text[1]) >= kLowestTrailByte) {
+    return 2;
+  }
+  return 1;
+}
+
 void outputDebugString(const char* text) {
   if (text == nullptr || *text == '\0') return;
   ::OutputDebugStringA(text);
