@@ -2,9 +2,12 @@
 // Under ASan a leak, a double release or a use of a released list fails here.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 
+#include "platform/Platform.h"
 #include "support/RecordingListener.h"
+#include "support/TestServer.h"
 #include "support/TestSupport.h"
 #include "zrx2dsticker/ZRResourceDownloadManager.h"
 
@@ -76,6 +79,43 @@ TEST(ZRResourceDownloadManagerTest, CopiesShareOneStateUntilTheFirstDies) {
   copy.ZRX_stop2DStickerDownloadSticker();
   copy.setStickerResList(nullptr);
   EXPECT_EQ(listener.finals().size(), 1u);
+}
+
+// The default path is the host executable's directory as the system names
+// it, in the narrow code page, put through the conversion from UTF-8 that a
+// host's path goes through. A host in the directory of the bytes C3 A9
+// ("é" in UTF-8, "Ã©" at 1252, "ﾃｩ" at 932) therefore looks in "é" at
+// UTF-8 and at 1252 (E9), and in "e" at 932. The host's own name may hold a
+// trail byte that equals '\\' ("表" at 932), which is no separator.
+TEST(ZRResourceDownloadManagerTest, DefaultPathIsTheConvertedExecutableDir) {
+  if (!knownNarrowCodePage()) GTEST_SKIP() << "code page " << narrowCodePage();
+  TempDir temp;
+  const std::string home = temp / "\xC3\xA9";
+  const std::string looked = temp / inNarrowPage("\xC3\xA9", "\xE9", "e");
+  ASSERT_EQ(zrx::platform::makeDirectory(home), 0);
+  if (looked != home) {
+    ASSERT_EQ(zrx::platform::makeDirectory(looked), 0);
+  }
+  const std::string host =
+      inNarrowPage("\xE8\xA1\xA8", "host", "\x95\\") + kExecutableSuffix;
+  copyProgram(executableDir() + "/crash_host" + kExecutableSuffix, home, host);
+  // Found installed where the default path leads; anywhere else it is
+  // fetched from a port where nothing listens, and fails.
+  writeFile(looked + "/probe.png", "x");
+  writeFile(temp / "list.json",
+            R"([{"resId":"probe","name":"probe.png","url":"http://127.0.0.1:)" +
+                std::to_string(TestServer::closedPort()) + R"(/x"}])");
+  ChildProcess child(home + "/" + host, {"-", temp / "list.json"});
+  std::string out;
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::minutes(2);
+  while (child.read(out, std::chrono::milliseconds(100)) &&
+         std::chrono::steady_clock::now() < deadline) {
+  }
+  int status = -1;
+  ASSERT_TRUE(child.wait(status));
+  EXPECT_EQ(out.substr(0, out.find_first_of("\r\n")), "OK probe");
+  EXPECT_EQ(status, 0);
 }
 
 TEST(ZRResourceDownloadManagerTest, HandedOverListsAndAssignment) {

@@ -40,6 +40,25 @@ std::vector<std::string> listTree(const std::string& root) {
   return out;
 }
 
+bool knownNarrowCodePage() {
+  const unsigned page = narrowCodePage();
+  return page == 65001 || page == 1252 || page == 932;
+}
+
+std::string inNarrowPage(const std::string& utf8, const std::string& cp1252,
+                         const std::string& cp932) {
+  switch (narrowCodePage()) {
+    case 65001:
+      return utf8;
+    case 1252:
+      return cp1252;
+    case 932:
+      return cp932;
+    default:
+      return "";
+  }
+}
+
 bool waitUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;

@@ -108,6 +108,12 @@ class ChildProcess {
   int status_ = 0;
 };
 
+// Copies the build's program at `from` to `directory`/`name` (a narrow
+// path: bytes on POSIX, the ANSI code page on Windows, where the DLLs that
+// lie beside `from` go along), so that it runs from there.
+void copyProgram(const std::string& from, const std::string& directory,
+                 const std::string& name);
+
 // An exclusive lock on the file at `path` (made if missing), between
 // processes, held for the object's life.
 class FileLock {
@@ -124,6 +130,15 @@ class FileLock {
 // The code page of the library's narrow texts (file names on the disk):
 // 65001 (UTF-8) on POSIX, the process's ANSI code page on Windows.
 unsigned narrowCodePage();
+
+// Whether the tests hold expectations for the narrow code page they run at:
+// UTF-8, or Windows' code pages 1252 (Western, Wine's default) and 932
+// (Japanese, a double-byte page). Tests of narrow bytes skip at any other.
+bool knownNarrowCodePage();
+// The one of `utf8`, `cp1252` and `cp932` that belongs to the narrow code
+// page the tests run at (empty at any other).
+std::string inNarrowPage(const std::string& utf8, const std::string& cp1252,
+                         const std::string& cp932);
 
 // How listTree shows a file made under the narrow name `bytes`: the bytes
 // themselves on POSIX; on Windows their reading in the ANSI code page, in

@@ -180,6 +180,16 @@ bool ChildProcess::wait(int& exitStatus) {
   return !killed_;
 }
 
+void copyProgram(const std::string& from, const std::string& directory,
+                 const std::string& name) {
+  const std::string to = directory + "/" + name;
+  std::filesystem::copy_file(from, to,
+                             std::filesystem::copy_options::overwrite_existing);
+  if (::chmod(to.c_str(), 0755) != 0) {
+    throw std::runtime_error("cannot make " + to + " executable");
+  }
+}
+
 FileLock::FileLock(const std::string& path)
     : handle_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
   while (::flock(static_cast<int>(handle_), LOCK_EX) != 0 && errno == EINTR) {

@@ -347,6 +347,22 @@ bool ChildProcess::wait(int& exitStatus) {
   return !killed_;
 }
 
+void copyProgram(const std::string& from, const std::string& directory,
+                 const std::string& name) {
+  if (!::CopyFileA(from.c_str(), (directory + "/" + name).c_str(), FALSE)) {
+    throw std::runtime_error("cannot copy " + from);
+  }
+  const std::filesystem::path home = std::filesystem::path(from).parent_path();
+  for (const auto& entry : std::filesystem::directory_iterator(home)) {
+    if (entry.path().extension() != ".dll") continue;
+    const std::string dll = entry.path().filename().string();
+    if (!::CopyFileA((home.string() + "/" + dll).c_str(),
+                     (directory + "/" + dll).c_str(), FALSE)) {
+      throw std::runtime_error("cannot copy " + dll);
+    }
+  }
+}
+
 FileLock::FileLock(const std::string& path)
     : handle_(reinterpret_cast<std::intptr_t>(::CreateFileA(
           path.c_str(), GENERIC_READ | GENERIC_WRITE,

@@ -1,6 +1,7 @@
 // The host that CrashConsistencyTest kills: it installs the stickers of a
 // catalogue into a directory, as an application does at its start.
-// Usage: crash_host DOWNLOAD_DIR CATALOGUE_FILE
+// Usage: crash_host DOWNLOAD_DIR CATALOGUE_FILE (a DOWNLOAD_DIR of "-" keeps
+// the default, the directory of the executable)
 // On stdout one line per event, each flushed on its own so that a kill
 // never leaves half a line: "OK <resId>" (installed already or now),
 // "FAILED <resId> <code>", "UNZIPPING" (an extraction begins). Exit status:
@@ -61,7 +62,9 @@ int main(int argc, char** argv) {
   });
   HostListener listener;
   ZRResourceDownloadManager manager;
-  manager.ZRX_set2DStickerDownloadPath(argv[1]);
+  if (std::strcmp(argv[1], "-") != 0) {
+    manager.ZRX_set2DStickerDownloadPath(argv[1]);
+  }
   int error = 0;
   ZRX2DStickerResList* list =
       manager.ZRX_parse2DStickerResource(catalogue.str(), error, &listener);
