@@ -242,12 +242,12 @@ bool isDeviceComponent(std::string component) {
     if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
   }
   static const std::set<std::string> kDevices = [] {
-    std::set<std::string> devices = {"CON", "PRN", "AUX", "NUL", "CONIN$",
-                                     "CONOUT$"};
+    std::set<std::string> devices = {"CON", "PRN",    "AUX",
+                                     "NUL", "CONIN$", "CONOUT$"};
     for (const char* stem : {"COM", "LPT"}) {
       for (char d = '1'; d <= '9'; ++d) devices.insert(std::string(stem) + d);
-      for (const char* sup : {"\xB9", "\xB2", "\xB3", "\xC2\xB9", "\xC2\xB2",
-                              "\xC2\xB3"}) {
+      for (const char* sup :
+           {"\xB9", "\xB2", "\xB3", "\xC2\xB9", "\xC2\xB2", "\xC2\xB3"}) {
         devices.insert(std::string(stem) + sup);
       }
     }

@@ -38,8 +38,8 @@ bool isDeviceName(const char* component, std::size_t length) {
   std::size_t base =
       dot != nullptr ? static_cast<const char*>(dot) - component : length;
   while (base > 0 && component[base - 1] == ' ') --base;
-  static const char* const kDevices[] = {"CON", "PRN", "AUX", "NUL",
-                                         "CONIN$", "CONOUT$"};
+  static const char* const kDevices[] = {"CON", "PRN",    "AUX",
+                                         "NUL", "CONIN$", "CONOUT$"};
   for (const char* device : kDevices) {
     if (equalsIgnoringCase(component, base, device)) return true;
   }

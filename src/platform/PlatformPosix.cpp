@@ -1,6 +1,4 @@
 // POSIX implementation of the platform seam (Linux first).
-#include "platform/Platform.h"
-
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -13,6 +11,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+
+#include "platform/Platform.h"
 
 namespace zrx {
 namespace platform {

@@ -8,9 +8,9 @@
 
 // Ordinary host code that the public records and log functions must accept
 // as written: a plain int state and the log key as a char pointer.
-static_assert(std::is_same<decltype(ZRX2DStickerResItem::downloadState),
-                           int>::value,
-              "downloadState is a plain int");
+static_assert(
+    std::is_same<decltype(ZRX2DStickerResItem::downloadState), int>::value,
+    "downloadState is a plain int");
 static void (*const setKey)(char*) = &ZRXSetLogBaseManagerUniqueKey;
 
 static int stateOf(ZRX2DStickerResItem* item) {
