@@ -2,6 +2,7 @@
 // a directory of its own, judged by its exit status, output and files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -27,13 +28,18 @@ struct Outcome {
 // without a terminal, under timeout(1) with `limit`: by default a run that
 // hangs ends with status 124. A signal sent by `limit` must use --foreground,
 // or timeout(1) sends it a second time to the whole process group.
-Outcome fetch(const TempDir& cwd, const std::string& args,
-              const std::string& input = "", const std::string& limit = "60") {
+Outcome fetchWith(const std::string& program, const TempDir& cwd,
+                  const std::string& args, const std::string& input = "",
+                  const std::string& limit = "60") {
   writeFile(cwd / "stdin", input);
   const int status =
       run("cd " + shellQuote(cwd.path()) + " && timeout " + limit + " " +
-          programCommand(kFetch) + " " + args + " <stdin >stdout 2>stderr");
+          programCommand(program) + " " + args + " <stdin >stdout 2>stderr");
   return {status, readFile(cwd / "stdout"), readFile(cwd / "stderr")};
+}
+Outcome fetch(const TempDir& cwd, const std::string& args,
+              const std::string& input = "", const std::string& limit = "60") {
+  return fetchWith(kFetch, cwd, args, input, limit);
 }
 
 class ZrxFetchTest : public ::testing::Test {
@@ -122,6 +128,58 @@ TEST_F(ZrxFetchTest, ExitStatusTellsUsageErrorsFailuresAndInterrupts) {
   EXPECT_EQ(interrupted.status, 130) << interrupted.out << interrupted.err;
   EXPECT_TRUE(interrupted.says("interrupted")) << interrupted.out;
   EXPECT_FALSE(fileExists(cwd / "stickers/big.bin"));
+}
+
+// A list on standard input, into a download directory named outside ASCII:
+// zrx-fetch and the library must agree on it. On Windows the command line
+// comes in the ANSI code page ("é" is E9 at 1252, its look-alike "e" at 932)
+// and the library takes its path in UTF-8.
+TEST_F(ZrxFetchTest, ListFromStandardInputIntoADirectoryOutsideAscii) {
+  TempDir cwd, served;
+  TestServer server(served.path());
+  writeFile(served / "a.png", "png");
+  const std::string list =
+      listOf({sticker("a", server.url("/files/a.png"), "a.png")});
+  const Outcome first = fetch(cwd, "--dir stickers-\xC3\xA9 -", list);
+  ASSERT_EQ(first.status, 0) << first.out << first.err;
+  EXPECT_TRUE(first.says("downloaded  a")) << first.out;
+  const std::string dir =
+      inNarrowPage("stickers-\xC3\xA9", "stickers-\xC3\xA9", "stickers-e");
+  std::vector<std::string> expected = {"stderr",  "stdin",        "stdout",
+                                       dir + "/", dir + "/a.png", dir + ".log"};
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(listTree(cwd.path()), expected);
+  const Outcome second = fetch(cwd, "--dir stickers-\xC3\xA9 -", list);
+  EXPECT_TRUE(
+      second.says("summary: 1 installed already, 0 downloaded, 0 failed"))
+      << second.out;
+}
+
+// https stickers are trusted through the CA bundle beside the executable
+// alone, as a user sets zrx-fetch up on Windows: a copy without one fails,
+// the same copy with the server's CA there installs.
+TEST_F(ZrxFetchTest, HttpsTrustsTheCaBundleBesideTheExecutable) {
+  TempDir cwd, served, home;
+  TestServer server(served.path(), true);
+  writeFile(served / "a.png", "png");
+  writeFile(cwd / "list.json",
+            listOf({sticker("a", server.url("/files/a.png"), "a.png")}));
+  const std::string program =
+      home / ("zrx-fetch" + std::string(kExecutableSuffix));
+  copyProgram(kFetch, home.path(),
+              "zrx-fetch" + std::string(kExecutableSuffix));
+
+  const Outcome untrusted = fetchWith(program, cwd, "list.json");
+  EXPECT_EQ(untrusted.status, 1) << untrusted.out << untrusted.err;
+  EXPECT_TRUE(untrusted.says("0 downloaded, 1 failed")) << untrusted.out;
+  EXPECT_EQ(server.requestCount("/files/a.png"), 0);
+
+  makeDirs(home / "cacerts");
+  writeFile(home / "cacerts/ca-certificates.crt", readFile(server.caCert()));
+  const Outcome trusted = fetchWith(program, cwd, "list.json");
+  EXPECT_EQ(trusted.status, 0) << trusted.out << trusted.err;
+  EXPECT_TRUE(trusted.says("1 downloaded, 0 failed")) << trusted.out;
+  EXPECT_EQ(readFile(cwd / "stickers/a.png"), "png");
 }
 
 }  // namespace

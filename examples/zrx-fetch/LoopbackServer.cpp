@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <utility>
@@ -172,7 +173,14 @@ void LoopbackServer::answer(os::Socket connection) {
   if (method != "GET" && method != "HEAD") return refuse("405 Not Allowed");
   if (path.empty()) return refuse("400 Bad Request");
 
-  const std::string filePath = root_ + path;
+  // The root comes from the command line (native text), the rest from a
+  // URL of the list (UTF-8; a target that is not can name no file here).
+  std::filesystem::path filePath = os::nativePath(root_);
+  try {
+    filePath += std::filesystem::u8path(path);
+  } catch (const std::exception&) {
+    return refuse("404 Not Found");
+  }
   std::error_code error;
   const bool regular = std::filesystem::is_regular_file(filePath, error);
   const auto size = regular ? std::filesystem::file_size(filePath, error) : 0;

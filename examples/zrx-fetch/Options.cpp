@@ -50,6 +50,24 @@ Options:
   -h, --help        show this text
   --version         show the versions of zrx-fetch, zrx2dsticker and libcurl
 
+Names: a sticker's "name" and "ext", and every entry of its archive, must
+name a plain place below the download directory. Refused on every system
+alike: an absolute name, "..", a backslash, a control character or one of
+< > : " | ? *, a name ending in "." or a blank, a Windows device name (con,
+NUL.png, com1.zip, aux, lpt9, conin$), a name over 255 bytes or a path over
+259. Such a sticker fails with -10001 or -10003, such an archive with -10004.
+
+HTTPS: the library trusts only the CA bundle cacerts/ca-certificates.crt
+beside the zrx-fetch executable (on Windows cacerts\ca-certificates.crt
+beside zrx-fetch.exe, where the install puts one); without it every https
+sticker fails.
+
+Windows: names lie on the disk in the ANSI code page (1252 on Western
+systems, 932 on Japanese ones, ...), and so does the download directory. A
+character that the code page lacks becomes a look-alike or '?': such a name
+may then be refused ('?', or a separator such as the '\' that the yen sign
+becomes at 932), fail to open, or meet another sticker's name.
+
 Exit status: 0 nothing failed, 1 a sticker failed, 2 usage error or an
 unreadable or invalid list, 130 interrupted (Ctrl-C).
 )";

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 namespace os {
@@ -66,6 +67,34 @@ long receiveSome(Socket socket, char* buffer, std::size_t size);
 // -1 on error (a peer that left included).
 long sendSome(Socket socket, const char* data, std::size_t size);
 void closeSocket(Socket socket);
+
+// --- text and paths --------------------------------------------------------
+
+// zrx-fetch keeps the text of the command line and of executableDirectory()
+// as the OS's narrow calls give it: in the ANSI code page on Windows (the
+// code page the library's paths on the disk are in too), UTF-8 on POSIX.
+
+// A path for std::filesystem and the file streams from such text (on
+// Windows their own reading of a narrow string is neither code page).
+std::filesystem::path nativePath(const std::string& text);
+// Such text in UTF-8: what the library takes as a download path, and what
+// zrx-fetch prints.
+std::string nativeToUtf8(const std::string& text);
+
+// For its life, a console on standard output shows the UTF-8 that zrx-fetch
+// writes (its code page set to UTF-8, and set back after). Nothing happens
+// where standard output is no console, or where a terminal reads UTF-8
+// anyway.
+class Utf8Console {
+ public:
+  Utf8Console();
+  ~Utf8Console();
+  Utf8Console(const Utf8Console&) = delete;
+  Utf8Console& operator=(const Utf8Console&) = delete;
+
+ private:
+  unsigned saved_ = 0;  // the console's code page before, 0: left alone
+};
 
 // --- the program -----------------------------------------------------------
 

@@ -141,6 +141,13 @@ void closeSocket(Socket socket) {
   if (socket != kNoSocket) ::close(static_cast<int>(socket));
 }
 
+std::filesystem::path nativePath(const std::string& text) { return text; }
+
+std::string nativeToUtf8(const std::string& text) { return text; }
+
+Utf8Console::Utf8Console() {}
+Utf8Console::~Utf8Console() {}
+
 std::string executableDirectory() {
   std::error_code error;
   const std::filesystem::path self =

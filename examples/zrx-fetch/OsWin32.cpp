@@ -59,7 +59,49 @@ bool startWinsock() {
   return started;
 }
 
+// `text` in the ANSI code page, as UTF-16.
+std::wstring ansiToWide(const std::string& text) {
+  if (text.empty()) return std::wstring();
+  const int size = static_cast<int>(text.size());
+  const int length =
+      ::MultiByteToWideChar(CP_ACP, 0, text.data(), size, nullptr, 0);
+  std::wstring wide(static_cast<std::size_t>(length > 0 ? length : 0), L'\0');
+  if (length > 0) {
+    ::MultiByteToWideChar(CP_ACP, 0, text.data(), size, wide.data(), length);
+  }
+  return wide;
+}
+
 }  // namespace
+
+std::filesystem::path nativePath(const std::string& text) {
+  return std::filesystem::path(ansiToWide(text));
+}
+
+std::string nativeToUtf8(const std::string& text) {
+  const std::wstring wide = ansiToWide(text);
+  if (wide.empty()) return std::string();
+  const int size = static_cast<int>(wide.size());
+  const int length = ::WideCharToMultiByte(CP_UTF8, 0, wide.data(), size,
+                                           nullptr, 0, nullptr, nullptr);
+  std::string utf8(static_cast<std::size_t>(length > 0 ? length : 0), '\0');
+  if (length > 0) {
+    ::WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, utf8.data(), length,
+                          nullptr, nullptr);
+  }
+  return utf8;
+}
+
+Utf8Console::Utf8Console() {
+  DWORD mode = 0;
+  if (!::GetConsoleMode(::GetStdHandle(STD_OUTPUT_HANDLE), &mode)) return;
+  const UINT before = ::GetConsoleOutputCP();
+  if (before != CP_UTF8 && ::SetConsoleOutputCP(CP_UTF8)) saved_ = before;
+}
+
+Utf8Console::~Utf8Console() {
+  if (saved_ != 0) ::SetConsoleOutputCP(saved_);
+}
 
 void installInterruptHandlers() {
   ::SetConsoleCtrlHandler(onConsoleEvent, TRUE);

@@ -117,7 +117,8 @@ std::string findCatalogue() {
 #endif
   for (const std::string& candidate : candidates) {
     std::error_code error;
-    if (std::filesystem::is_regular_file(candidate + "/catalog.json", error)) {
+    if (std::filesystem::is_regular_file(
+            os::nativePath(candidate + "/catalog.json"), error)) {
       return candidate;
     }
   }
@@ -197,7 +198,7 @@ bool readList(const std::string& source, long timeoutSeconds, std::string& text,
   std::ifstream file;
   std::istream* in = &std::cin;
   if (source != "-") {
-    file.open(source, std::ios::binary);
+    file.open(os::nativePath(source), std::ios::binary);
     if (!file) {
       error = std::strerror(errno);
       return false;
@@ -283,14 +284,16 @@ int run(const Options& options, Console& console) {
                                            : kListFetchSeconds,
                 text, error)) {
     if (os::interruptSignal() != 0) return 128 + os::interruptSignal();
-    console.error("cannot read the list " + source + ": " + error);
+    console.error("cannot read the list " + os::nativeToUtf8(source) + ": " +
+                  error);
     return kExitUsage;
   }
 
   std::error_code fsError;
-  std::filesystem::create_directories(options.dir, fsError);
-  if (!std::filesystem::is_directory(options.dir)) {
-    console.error("cannot create the download directory " + options.dir +
+  std::filesystem::create_directories(os::nativePath(options.dir), fsError);
+  if (!std::filesystem::is_directory(os::nativePath(options.dir))) {
+    console.error("cannot create the download directory " +
+                  os::nativeToUtf8(options.dir) +
                   (fsError ? ": " + fsError.message() : std::string()));
     return kExitUsage;
   }
@@ -323,8 +326,8 @@ int run(const Options& options, Console& console) {
   std::string logError;
   const bool logged = os::redirectStandardError(logPath, logError);
   if (!logged) {
-    console.error("cannot write the log " + logPath + ": " + logError +
-                  "; it goes to standard error");
+    console.error("cannot write the log " + os::nativeToUtf8(logPath) + ": " +
+                  logError + "; it goes to standard error");
   }
   if (options.logLevelGiven) {
     gLogConsole = &console;
@@ -335,7 +338,9 @@ int run(const Options& options, Console& console) {
   ZRResourceDownloadManager manager;
   std::string path = options.dir;
   while (path.size() > 1 && path.back() == '/') path.pop_back();
-  manager.ZRX_set2DStickerDownloadPath(path);
+  // The library takes a path in UTF-8 and puts it in the ANSI code page
+  // itself; the command line gave it in that code page already.
+  manager.ZRX_set2DStickerDownloadPath(os::nativeToUtf8(path));
 
   // Parsed with no listener: every item gets one of its own below.
   int parseError = 0;
@@ -388,7 +393,9 @@ int run(const Options& options, Console& console) {
   std::vector<RunReport::Sticker> stickers;
   for (std::size_t i = 0; i < list->items.size(); ++i) {
     const ZRX2DStickerResItem* item = list->items[i];
-    std::string label = item->resId.empty() ? item->fileName : item->resId;
+    // fileName is in the code page of the disk; the lines are UTF-8.
+    std::string label =
+        item->resId.empty() ? os::nativeToUtf8(item->fileName) : item->resId;
     if (label.empty()) label = "#" + std::to_string(i + 1);
     stickers.push_back({label, item->fileName});
   }
@@ -448,7 +455,7 @@ int run(const Options& options, Console& console) {
     }
   }
   if (summary.failed > 0 && logged) {
-    console.print("the library's log: " + logPath);
+    console.print("the library's log: " + os::nativeToUtf8(logPath));
   }
   if (signal != 0) return 128 + signal;
   return summary.failed > 0 ? kExitFailed : 0;
@@ -481,6 +488,7 @@ int main(int argc, char** argv) {
   std::FILE* errors = os::duplicateStandardError();
   if (errors == nullptr) errors = stderr;
 
+  const os::Utf8Console utf8Console;
   const bool terminal = os::standardOutputIsTerminal();
   const char* term = std::getenv("TERM");
   const bool color = terminal && std::getenv("NO_COLOR") == nullptr &&
