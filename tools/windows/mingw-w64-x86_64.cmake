@@ -25,9 +25,15 @@ if(ZRX_WIN64_PREFIX)
   set(ENV{PKG_CONFIG_LIBDIR} "${ZRX_WIN64_PREFIX}/lib/pkgconfig")
   set(ENV{PKG_CONFIG_SYSROOT_DIR} "")
 endif()
-# The prefixes a project names in CMAKE_PREFIX_PATH (an installed
-# zrx2dsticker, say) hold Windows files too: they are searched as roots.
-foreach(zrx_prefix IN LISTS CMAKE_PREFIX_PATH)
+# The prefixes a project names in CMAKE_PREFIX_PATH, as a variable or in
+# the environment (an installed zrx2dsticker, say), hold Windows files too:
+# they are searched as roots.
+set(zrx_prefixes ${CMAKE_PREFIX_PATH})
+if(DEFINED ENV{CMAKE_PREFIX_PATH})
+  file(TO_CMAKE_PATH "$ENV{CMAKE_PREFIX_PATH}" zrx_env_prefixes)
+  list(APPEND zrx_prefixes ${zrx_env_prefixes})
+endif()
+foreach(zrx_prefix IN LISTS zrx_prefixes)
   list(APPEND CMAKE_FIND_ROOT_PATH "${zrx_prefix}")
 endforeach()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
