@@ -141,33 +141,6 @@ TEST(TextConversionTest, RoundTripsReplacementsAndNulCut) {
   EXPECT_EQ(narrow, inNarrowPage("\xC3\xA9", "\xE9", "e"));
 }
 
-// What a code page lacks becomes what the system puts in its place: a
-// best-fit character where there is one, else '?'. Best fits can make
-// separators and dots of harmless characters, which is why the name rule
-// judges a file name after the conversion.
-TEST(TextConversionTest, CharactersAPageLacksBecomeItsBestFitOrAQuestionMark) {
-  if (!knownNarrowCodePage()) GTEST_SKIP() << "code page " << narrowCodePage();
-  const struct {
-    const char* utf8;
-    std::string cp1252, cp932;
-  } cases[] = {
-      {"\xC3\xA9", "\xE9", "e"},          // é
-      {"\xC3\x9C", "\xDC", "U"},          // Ü
-      {"\xE2\x82\xAC", "\x80", "?"},      // €
-      {"\xC2\xA5", "\xA5", "\\"},         // ¥: 932's backslash
-      {"\xE6\x97\xA5", "?", "\x93\xFA"},  // 日
-      {"\xE8\xA1\xA8", "?", "\x95\\"},    // 表: a trail byte 0x5C
-      {"\xE3\x83\x9D", "?", "\x83|"},     // ポ: a trail byte 0x7C
-      // Fullwidth "../" and ":" best-fit to ASCII at 1252.
-      {"\xEF\xBC\x8E\xEF\xBC\x8E\xEF\xBC\x8F\xEF\xBC\x9A",
-       "../:", "\x81\x44\x81\x44\x81\x5E\x81\x46"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(throughWide(c.utf8), inNarrowPage(c.utf8, c.cp1252, c.cp932))
-        << c.utf8;
-  }
-}
-
 TEST_F(ListParserTest, ItemsFromElements) {
   if (!knownNarrowCodePage()) GTEST_SKIP() << "code page " << narrowCodePage();
   const std::pair<std::string, std::string> rows[] = {

@@ -60,9 +60,15 @@ for _ in $(seq 100); do
 done
 [ -n "${port:-}" ] || fail "the loopback server did not start"
 
+# Code page 932 under Wine needs the locale ja_JP.UTF-8 (see
+# tests/run-windows.sh), made from Debian's locales.
 if ! locale -a 2>/dev/null | grep -qix 'ja_JP\.utf-\?8'; then
   sudo=""
   [ "$(id -u)" -ne 0 ] && sudo="sudo"
+  if [ ! -f /usr/share/i18n/locales/ja_JP ]; then
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq \
+      --no-install-recommends locales >/dev/null
+  fi
   $sudo localedef -i ja_JP -f UTF-8 ja_JP.UTF-8
 fi
 [ -f "$WINEPREFIX/system.reg" ] || "$wine" wineboot --init >/dev/null 2>&1
