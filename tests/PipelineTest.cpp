@@ -16,16 +16,12 @@ using PipelineTest = StickerFixture;
 
 TEST_F(PipelineTest, HttpAnswersAreStoredAndReported) {
   const std::string plain = randomBytes(300000, 1);
-  const std::string chunked = randomBytes(50000, 2);
   writeFile(served / "p.bin", plain);
-  writeFile(served / "c.bin", chunked);
   parse({sticker("p", server->url("/files/p.bin"), "p", ".bin"),
-         sticker("c", server->url("/chunked/c.bin"), "c.bin"),
-         sticker("r", server->url("/redirect/2/c.bin"), "r.bin"),
          sticker("nf", server->url("/status/404"), "nf.html"),
          sticker("nfz", server->url("/status/404"), "nfz", ".zip", 0)});
   manager->ZRX_start2DStickerDownloadAllSticker();
-  ASSERT_TRUE(listener.waitForFinals(5));
+  ASSERT_TRUE(listener.waitForFinals(3));
 
   // A plain sticker: on the download worker, with growing byte counts.
   EXPECT_EQ(finalOf("p").kind, Kind::kSuccess);
@@ -39,11 +35,6 @@ TEST_F(PipelineTest, HttpAnswersAreStoredAndReported) {
     last = event.downloaded;
   }
   EXPECT_EQ(last, 300000.0);
-  // Without a known length nothing is reported on the way; redirects are
-  // followed.
-  EXPECT_TRUE(listener.progressFor("c").empty());
-  EXPECT_TRUE(holds(filePath("c"), chunked));
-  EXPECT_TRUE(holds(filePath("r"), chunked));
   // An error page is a finished transfer: stored for a plain sticker, an
   // unpacking failure for an archive, whose file is then removed.
   EXPECT_EQ(finalOf("nf").kind, Kind::kSuccess);
@@ -52,7 +43,6 @@ TEST_F(PipelineTest, HttpAnswersAreStoredAndReported) {
   ASSERT_TRUE(waitForLog("] unzip failed! ("));
   EXPECT_FALSE(fileExists(filePath("nfz")));
   EXPECT_EQ(item("nfz")->downloadState, -1);
-  EXPECT_TRUE(LogCapture::instance().contains("] (resId:p) response code=200"));
   EXPECT_TRUE(
       LogCapture::instance().contains("] (resId:nf) response code=404"));
 }
@@ -113,16 +103,13 @@ TEST_F(PipelineTest, NamesTheRuleRefusesFailAndAreNeverInstalled) {
   parse({sticker("drive", url, "c:cat.png"), sticker("dot", url, "t.png."),
          sticker("device", url, "con", ".png"),
          sticker("stream", url, "x", ":s"),
-         sticker("backslash", url, "a\\\\b.png"),
-         sticker("long", url, std::string(300, 'n')),
          sticker("stem", url, "x ", ".zip", 3),
          sticker("devdir", url, "aux", ".zip", 1),
          sticker("outside", url, "../outside", ".zip", 1)});
   manager->ZRX_start2DStickerDownloadAllSticker();
-  ASSERT_TRUE(listener.waitForFinals(9));
+  ASSERT_TRUE(listener.waitForFinals(7));
   ASSERT_TRUE(waitForLog("/../outside, make directory failed!"));
-  for (const char* resId :
-       {"drive", "dot", "device", "stream", "backslash", "long", "stem"}) {
+  for (const char* resId : {"drive", "dot", "device", "stream", "stem"}) {
     EXPECT_EQ(finalOf(resId).code, -10003) << resId;
   }
   EXPECT_EQ(finalOf("devdir").code, -10001);
@@ -156,14 +143,10 @@ TEST_F(PipelineTest, NamesLieOnTheDiskInTheNarrowCodePage) {
   } cases[] = {
       {"acute", acute + ".png",
        inNarrowPage("\xC3\xA9.png", "\xC3\xA9.png", "e.png")},
-      {"sun", "\xE6\x97\xA5.png",
-       inNarrowPage("\xE6\x97\xA5.png", "", "\xE6\x97\xA5.png")},
       {"table", "\xE8\xA1\xA8.txt",
        inNarrowPage("\xE8\xA1\xA8.txt", "", "\xE8\xA1\xA8.txt")},
       {"po", "\xE3\x83\x9D.gif",
        inNarrowPage("\xE3\x83\x9D.gif", "", "\xE3\x83\x9D.gif")},
-      {"euro", "\xE2\x82\xAC.png",
-       inNarrowPage("\xE2\x82\xAC.png", "\xE2\x82\xAC.png", "")},
       {"yen", "\xC2\xA5.png", inNarrowPage("\xC2\xA5.png", "\xC2\xA5.png", "")},
       {"wide", "\xEF\xBC\x8E\xEF\xBC\x8E\xEF\xBC\x8Fx.png",
        inNarrowPage("\xEF\xBC\x8E\xEF\xBC\x8E\xEF\xBC\x8Fx.png", "",
@@ -218,15 +201,13 @@ TEST_F(PipelineTest, ArchivesAreUnpackedAndASecondStartFetchesNothing) {
   const std::string url = server->url("/files/pack.zip");
   parse({sticker("t0", url, "zero", ".zip", 0),
          sticker("t1", url, "one", ".zip", 1),
-         sticker("t3", url, "three.v2", ".zip", 3),
-         sticker("t5", url, "", ".zip", 5)});
+         sticker("t3", url, "three.v2", ".zip", 3)});
   manager->ZRX_start2DStickerDownloadAllSticker();
-  ASSERT_TRUE(listener.waitForFinals(4));
+  ASSERT_TRUE(listener.waitForFinals(3));
   const std::map<std::string, std::string> extractedInto = {
       {"t0", stickerDir("t0")},
       {"t1", downloads / "one"},
-      {"t3", downloads / "three.v2"},
-      {"t5", stickerDir("t5")}};
+      {"t3", downloads / "three.v2"}};
   for (const auto& [resId, dir] : extractedInto) {
     EXPECT_EQ(finalOf(resId).kind, Kind::kSuccess) << resId;
     EXPECT_TRUE(holds(filePath(resId), readFile(served / "pack.zip")));
@@ -239,7 +220,7 @@ TEST_F(PipelineTest, ArchivesAreUnpackedAndASecondStartFetchesNothing) {
   const int requests = server->totalRequests();
   listener.clear();
   manager->ZRX_start2DStickerDownloadAllSticker();
-  ASSERT_EQ(listener.finals().size(), 4u);
+  ASSERT_EQ(listener.finals().size(), 3u);
   for (const auto& event : listener.finals()) {
     EXPECT_EQ(event.kind, Kind::kSuccess);
     EXPECT_EQ(event.thread, std::this_thread::get_id());
