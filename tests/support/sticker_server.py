@@ -4,23 +4,13 @@
 # "+" line per accepted connection and each request target as sent, and
 # exits with its parent process. Routes (NAME is a file below ROOT):
 #   /files/NAME  /chunked/NAME  /status/CODE  /redirect/N/NAME (N 302s first)
-#   /loop (302 to itself, each reply held 20 ms so that libcurl's cap on the
-#   headers it collects across redirects is not what ends it)
 #   /slow/NAME?bps=N (trickled)  /stall/NAME (half, then silence)
 #   /drop/NAME (half, then the connection is closed)
-# and answers broken on the wire, each closed after what it sends:
-#   /badchunk/NAME (a chunk of half, then a size line that is no number)
-#   /cutchunk/NAME (chunked, cut inside the only chunk)
-#   /cuthead/status|length|bare (cut inside the status line, after a
-#   Content-Length line, or right after the status line)
-#   /nothttp (a banner that is no HTTP)  /reset/NAME (half, then a TCP reset)
-#   /long/NAME (all of it under a Content-Length of half)
-#   /gate/NAME?until=FILE (half, the rest once ROOT/FILE exists)
+#   /long/NAME (all of it under a Content-Length of half, then closed)
 import os
 import socket
 import socketserver
 import ssl
-import struct
 import sys
 import threading
 import time
@@ -119,10 +109,6 @@ class Handler(BaseHTTPRequestHandler):
         self.status(302, "/redirect/%d/%s" % (count - 1, name)
                     if count > 1 else "/files/" + name)
 
-    def route_loop(self, _):
-        time.sleep(0.02)
-        self.status(302, "/loop")
-
     def route_slow(self, name):
         data = self.load(name) or b""
         rate = int(self.query.get("bps", ["1024"])[0])
@@ -145,52 +131,11 @@ class Handler(BaseHTTPRequestHandler):
     def route_drop(self, name):
         self.route_stall(name, drop=True)
 
-    def cut(self, data):
-        self.close_connection = True
-        self.wfile.write(data)
-
-    def route_badchunk(self, name):
-        data = self.load(name, length=False)
-        if data is not None:
-            half = data[:len(data) // 2]
-            self.cut(b"%X\r\n%s\r\nZZ\r\n" % (len(half), half))
-
-    def route_cutchunk(self, name):
-        data = self.load(name, length=False)
-        if data is not None:
-            self.cut(b"%X\r\n%s" % (len(data), data[:len(data) // 2]))
-
-    def route_cuthead(self, kind):
-        self.cut({"status": b"HTTP/1.1 20",
-                  "length": b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n",
-                  "bare": b"HTTP/1.1 200 OK\r\n"}[kind])
-
-    def route_nothttp(self, _):
-        self.cut(b"SSH-2.0-OpenSSH_9.2p1\r\n")
-
-    def route_reset(self, name):
-        data = self.load(name)
-        if data is not None:
-            self.cut(data[:len(data) // 2])
-            # A close with a zero linger sends a reset instead of a FIN.
-            self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
-                                       struct.pack("ii", 1, 0))
-            self.connection.close()
-
     def route_long(self, name):
         path = os.path.join(ROOT, unquote(name))
         size = os.path.getsize(path) if os.path.isfile(path) else 0
-        self.cut(self.load(name, length=max(1, size // 2)) or b"")
-
-    def route_gate(self, name):
-        data = self.load(name)
-        if data is not None:
-            self.wfile.write(data[:len(data) // 2])
-            gate = os.path.join(ROOT, self.query["until"][0])
-            deadline = time.monotonic() + 120
-            while not os.path.exists(gate) and time.monotonic() < deadline:
-                time.sleep(0.01)
-            self.wfile.write(data[len(data) // 2:])
+        self.close_connection = True
+        self.wfile.write(self.load(name, length=max(1, size // 2)) or b"")
 
 
 server = Server(("127.0.0.1", 0), Handler)
