@@ -11,7 +11,6 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <set>
 #include <thread>
 
 #include "archive/ZipReader.h"
@@ -21,16 +20,6 @@ namespace zrxtest {
 namespace {
 
 using FaultInjectionTest = StickerFixture;
-
-// The stickers a start reported installed: those calls come on the starting
-// thread before the start returns.
-std::set<std::string> reportedAtStart(const RecordingListener& listener) {
-  std::set<std::string> out;
-  for (const auto& event : listener.finals()) {
-    if (event.thread == std::this_thread::get_id()) out.insert(event.resId);
-  }
-  return out;
-}
 
 // A full disk, made by the process's file size limit with SIGXFSZ ignored
 // (a write past it fails with EFBIG). The server process keeps its own
@@ -121,29 +110,6 @@ TEST_F(FaultInjectionTest, TheCaBundleIsTrustedForHttpsInEitherCaseOnly) {
   }
   EXPECT_LT(listener.finalsFor("lower").back().code, -100000);
   EXPECT_FALSE(fileExists(filePath("lower")));
-}
-
-// A body longer than its Content-Length, which libcurl takes for whole, is
-// stored cut at that length; it is no archive, so an archive sticker fails
-// with it. The next start takes only the stored plain file for installed.
-TEST_F(FaultInjectionTest, AnAnswerCutAtItsLengthIsStoredAsItCame) {
-  const std::string plain = randomBytes(100000, 10);
-  writeFile(served / "b.bin", plain);
-  makeArchive("a.zip", {{"i.png", randomBytes(100000, 11)}});
-  parse({sticker("long", server->url("/long/b.bin"), "long.bin"),
-         sticker("longz", server->url("/long/a.zip"), "longz", ".zip", 1)});
-  manager->ZRX_start2DStickerDownloadAllSticker();
-  ASSERT_TRUE(listener.waitForFinals(2));
-  manager->ZRX_stop2DStickerDownloadSticker();  // after every clean-up
-  EXPECT_TRUE(holds(filePath("long"), plain.substr(0, plain.size() / 2)));
-  EXPECT_EQ(finalOf("longz").code, -10004);
-  for (const std::string& path : listTree(downloads.path())) {
-    EXPECT_TRUE(path == "long.bin" || path.back() == '/') << path;
-  }
-
-  listener.clear();
-  manager->ZRX_start2DStickerDownloadAllSticker();
-  EXPECT_EQ(reportedAtStart(listener), std::set<std::string>{"long"});
 }
 
 // A file where an archive sticker's directory belongs: the extraction into

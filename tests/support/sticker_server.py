@@ -6,7 +6,6 @@
 #   /files/NAME  /chunked/NAME  /status/CODE  /redirect/N/NAME (N 302s first)
 #   /slow/NAME?bps=N (trickled)  /stall/NAME (half, then silence)
 #   /drop/NAME (half, then the connection is closed)
-#   /long/NAME (all of it under a Content-Length of half, then closed)
 import os
 import socket
 import socketserver
@@ -81,9 +80,8 @@ class Handler(BaseHTTPRequestHandler):
             data = f.read()
         self.send_response(200)
         self.send_header("Content-Type", "application/octet-stream")
-        if length:  # True, or the length to declare
-            declared = len(data) if length is True else length
-            self.send_header("Content-Length", str(declared))
+        if length:
+            self.send_header("Content-Length", str(len(data)))
         else:
             self.send_header("Transfer-Encoding", "chunked")
         self.end_headers()
@@ -130,12 +128,6 @@ class Handler(BaseHTTPRequestHandler):
 
     def route_drop(self, name):
         self.route_stall(name, drop=True)
-
-    def route_long(self, name):
-        path = os.path.join(ROOT, unquote(name))
-        size = os.path.getsize(path) if os.path.isfile(path) else 0
-        self.close_connection = True
-        self.wfile.write(self.load(name, length=max(1, size // 2)) or b"")
 
 
 server = Server(("127.0.0.1", 0), Handler)
